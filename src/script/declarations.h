@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/api.h"
 #include "script/records.h"
 
 namespace kvl {
@@ -20,7 +21,7 @@ constexpr int64_t kMaxStorageBytes = int64_t{256} << 20;  // of all blocks of a 
 EElementType TypeOfSuffix(char suffix);
 
 // Bytes of one element: 1, 4 or 8; 0 for kNoType.
-int32_t ElementSize(EElementType type);
+KVL_API int32_t ElementSize(EElementType type);
 
 // The first of `words` that occurs anywhere in `token`, as its position in the list, or -1.
 int FindStatement(std::string_view token, std::span<const std::string_view> words);
@@ -91,6 +92,6 @@ class CVariableStorage {
 };
 
 // Bytes that belong to a variable: what may be read and written through it.
-std::span<uint8_t> BytesOf(const CVariableTable& variable);
+KVL_API std::span<uint8_t> BytesOf(const CVariableTable& variable);
 
 }  // namespace kvl
