@@ -6,6 +6,7 @@
 #include "script/byte_string.h"
 #include "script/escapes.h"
 #include "script/source_reader.h"
+#include "script/tag_exchange.h"
 
 namespace kvl {
 namespace {
@@ -21,10 +22,15 @@ std::string_view TextOf(const char* text) {
 
 }  // namespace
 
-CKVL::CKVL(CEngineOwner* pParent, const char* /*pszTableName*/) : m_pParent(pParent) {
+CKVL::CKVL(CEngineOwner* pParent, const char* pszTableName, EAudience audience)
+    : m_pParent(pParent) {
   m_state.m_pOwner = pParent;
   m_state.m_pOutput = this;
   m_state.m_pPrints = &m_prints;
+  if (TextOf(pszTableName).empty()) return;
+  m_pTags = std::make_unique<CTagExchange>(pszTableName, audience);
+  if (!m_pTags->IsOpen()) m_pTags.reset();
+  m_state.m_pTags = m_pTags.get();
 }
 
 CKVL::~CKVL() = default;
@@ -131,6 +137,7 @@ void CKVL::CompileLine(const std::string& line) {
 void CKVL::Unbind() {
   m_steps.clear();
   m_pBinder.reset();
+  if (m_pTags != nullptr) m_pTags->DropSlotsFrom(0);
 }
 
 void CKVL::Bind() {
@@ -139,6 +146,7 @@ void CKVL::Bind() {
   for (size_t i = 0; i < m_listCommand.size(); ++i) {
     const CCommandTable& command = m_listCommand[i];
     BindStep(*m_pBinder, command, command.m_nCommand, m_steps[i]);
+    BindTag(m_steps[i]);
     if (command.m_nCommand < kJP || command.m_nCommand > kJPGE) continue;
     const CLabelTable* label = m_listLabel.Find(command.m_szOperand[0]);
     if (label == nullptr) continue;
@@ -147,6 +155,16 @@ void CKVL::Bind() {
   }
   m_steps.back().m_plain = m_steps.back().m_run = EndStep;
   FuseSteps(m_steps.data(), m_listCommand.size());
+}
+
+// Without a table PUT and GET have no effect; with one, each remembers its tag.
+void CKVL::BindTag(CStep& step) {
+  if (step.m_nCommand != kPUT && step.m_nCommand != kGET) return;
+  if (m_pTags != nullptr) {
+    step.m_nNumber = m_pTags->NewSlot();
+  } else {
+    step.m_run = step.m_plain = SkipStep;
+  }
 }
 
 int32_t CKVL::Begin(const uint8_t* pInput, int32_t nInputSize) try {
@@ -305,8 +323,11 @@ void CKVL::SendString(const uint8_t* pBytes, int32_t nBytes, int32_t nInterval) 
 void CKVL::Execute(int32_t nCommand, const CCommandTable& command) {
   CBinder binder(m_listVariable);
   CStep step[2];
+  const size_t slots = m_pTags == nullptr ? 0 : m_pTags->SlotCount();
   BindStep(binder, command, nCommand, step[0]);
+  BindTag(step[0]);
   step[0].m_plain(step[0], m_state);
+  if (m_pTags != nullptr) m_pTags->DropSlotsFrom(slots);
 }
 
 int32_t CKVL::_Jp(const CCommandTable* pCommand) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/api.h"
+#include "platform/named_object.h"
 #include "script/declarations.h"
 #include "script/engine_owner.h"
 #include "script/print_list.h"
@@ -31,8 +32,10 @@ enum TAG_TYPE { TAG_BYTE = 1, TAG_INTEGER = 2, TAG_FLOAT = 3 };
 
 class KVL_API CKVL : private CLineOutput {
  public:
-  // `pParent` outlives the engine.
-  CKVL(CEngineOwner* pParent, const char* pszTableName);
+  // `pParent` outlives the engine. With a table name the engine opens that table of the shared
+  // store, among the tables of `audience`; without one, or if it can't be opened, PUT and GET have
+  // no effect.
+  CKVL(CEngineOwner* pParent, const char* pszTableName, EAudience audience = EAudience::kOwner);
   virtual ~CKVL();
   CKVL(const CKVL&) = delete;
   CKVL& operator=(const CKVL&) = delete;
@@ -78,6 +81,8 @@ class KVL_API CKVL : private CLineOutput {
   const std::deque<CLabelTable>& Labels() const { return m_listLabel.Records(); }
   const std::vector<CExportTable>& Exports() const { return m_listExport; }
   const std::vector<std::string>& MainLines() const { return m_saMain; }
+  // Whether the engine has a table.
+  bool HasTable() const { return m_pTags != nullptr; }
   uint16_t GetCompare() const { return m_state.m_wCompare; }
   CPrintList& Prints() { return m_prints; }
 
@@ -116,13 +121,15 @@ class KVL_API CKVL : private CLineOutput {
 
 // Instruction handlers: each runs one record by itself, whatever its number says.
 // NOLINTBEGIN(bugprone-reserved-identifier): these names are the language's own.
-#define KVL_HANDLERS(X)                                                                         \
-  X(_In, kIN)                                                                                   \
-  X(_Out, kOUT)                                                                                 \
-  X(_FindX, kFIND) X(_Cmp, kCMP) X(_MoveX, kMOVE) X(_Delay, kDELAY) X(_Sleep, kSLEEP)           \
-      X(_Print, kPRINT) X(_PrintEx, kPRINTEX) X(_Cat, kCAT) X(_ClearX, kCLEAR) X(_CopyX, kCOPY) \
-          X(_Inc, kINC) X(_Dec, kDEC) X(_Add, kADD) X(_Sub, kSUB) X(_Sync, kSYNC) X(_Put, kPUT) \
-              X(_Get, kGET) X(_And, kAND) X(_Or, kOR) X(_Xor, kXOR) X(_Not, kNOT) X(_Conv, kCONV)
+#define KVL_HANDLERS(X)                                                                           \
+  X(_In, kIN)                                                                                     \
+  X(_Out, kOUT)                                                                                   \
+  X(_FindX, kFIND)                                                                                \
+  X(_Cmp, kCMP)                                                                                   \
+  X(_MoveX, kMOVE) X(_Delay, kDELAY) X(_Sleep, kSLEEP) X(_Print, kPRINT) X(_PrintEx, kPRINTEX)    \
+      X(_Cat, kCAT) X(_ClearX, kCLEAR) X(_CopyX, kCOPY) X(_Inc, kINC) X(_Dec, kDEC) X(_Add, kADD) \
+          X(_Sub, kSUB) X(_Sync, kSYNC) X(_Put, kPUT) X(_Get, kGET) X(_And, kAND) X(_Or, kOR)     \
+              X(_Xor, kXOR) X(_Not, kNOT) X(_Conv, kCONV)
 #define KVL_DECLARE(handler, number)            \
   void handler(const CCommandTable* pCommand) { \
     Execute(number, *pCommand);                 \
@@ -141,6 +148,7 @@ class KVL_API CKVL : private CLineOutput {
   void CompileLine(const std::string& line);
   void Declare(int statement);
   void Bind();
+  void BindTag(CStep& step);
   void Unbind();
   bool RunLimited();
   void RunFreely();
@@ -149,6 +157,7 @@ class KVL_API CKVL : private CLineOutput {
   uint32_t m_nInterface = 1;
   CRunState m_state;
   CPrintList m_prints;
+  std::unique_ptr<CTagExchange> m_pTags;
   std::vector<std::string> m_saLine;
   std::vector<std::string> m_saMain;
   CVariableStorage m_listVariable;

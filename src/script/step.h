@@ -16,6 +16,7 @@
 namespace kvl {
 
 class CLineOutput;
+class CTagExchange;
 struct CStep;
 
 // What the handlers share during a pass.
@@ -23,6 +24,7 @@ struct CRunState {
   CEngineOwner* m_pOwner = nullptr;
   CLineOutput* m_pOutput = nullptr;
   CPrintList* m_pPrints = nullptr;
+  CTagExchange* m_pTags = nullptr;    // null without a table
   const uint8_t* m_pInput = nullptr;  // the batch
   int32_t m_nInputSize = 0;
   int32_t m_nOutInterval = 0;  // milliseconds behind each byte of OUT
