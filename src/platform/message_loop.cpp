@@ -1,0 +1,307 @@
+#include "platform/message_loop.h"
+
+#include <asio/post.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <csignal>
+#include <exception>
+#include <utility>
+
+#include "platform/loop_core.h"
+
+namespace kvl {
+
+// Where the calls to one thread arrive, and where it waits for the end of its own calls.
+struct CLoopCore::CMailbox {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::deque<std::shared_ptr<CCall>> calls;
+  bool bClosed = false;
+};
+
+struct CLoopCore::CCall {
+  enum class State { kWaiting, kTaken, kRun, kRefused };
+
+  const Task* pTask;
+  std::shared_ptr<CMailbox> pCaller;  // its lock guards the state
+  State state = State::kWaiting;
+
+  // True if the state was `from`.
+  bool Move(State from, State to) {
+    const std::lock_guard guard(pCaller->lock);
+    if (state != from) return false;
+    state = to;
+    pCaller->changed.notify_all();
+    return true;
+  }
+};
+
+namespace {
+
+struct CThreadLoop {
+  std::shared_ptr<CLoopCore> pCore;
+  ~CThreadLoop();
+};
+
+// Trivially destructible, so that it can be asked to the very end of the thread.
+thread_local bool t_bThreadEnding = false;
+thread_local CThreadLoop t_loop;
+
+CThreadLoop::~CThreadLoop() {
+  t_bThreadEnding = true;
+  if (pCore) pCore->End();
+}
+
+}  // namespace
+
+std::shared_ptr<CLoopCore> CLoopCore::Existing() {
+  return t_bThreadEnding ? nullptr : t_loop.pCore;
+}
+
+std::shared_ptr<CLoopCore> CLoopCore::Current() {
+  if (t_bThreadEnding) return nullptr;
+  if (!t_loop.pCore) {
+    try {
+      t_loop.pCore = std::make_shared<CLoopCore>();
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+  }
+  return t_loop.pCore;
+}
+
+CLoopCore::CLoopCore()
+    : m_thread(std::this_thread::get_id()), m_pMailbox(std::make_shared<CMailbox>()) {
+  m_io.emplace();
+  m_work.emplace(m_io->get_executor());
+}
+
+void CLoopCore::End() {
+  DestroyWindowsOf(*this);
+  while (!m_resources.empty()) {
+    CLoopResource* pResource = *m_resources.begin();
+    m_resources.erase(m_resources.begin());
+    pResource->OnLoopEnd();
+  }
+  {
+    const std::lock_guard guard(m_ioLock);
+    m_bEnded = true;
+  }
+  std::deque<std::shared_ptr<CCall>> refused;
+  {
+    const std::lock_guard guard(m_pMailbox->lock);
+    m_pMailbox->bClosed = true;
+    refused.swap(m_pMailbox->calls);
+  }
+  for (const auto& pCall : refused) pCall->Move(CCall::State::kWaiting, CCall::State::kRefused);
+  m_work.reset();
+  m_io.reset();
+}
+
+bool CLoopCore::RunUntil(const std::function<bool()>& done, std::optional<TimePoint> deadline) {
+  while (!done()) {
+    if (!deadline) {
+      m_io->run_one();
+    } else if (m_io->run_one_until(*deadline) == 0) {
+      return done();
+    }
+  }
+  return true;
+}
+
+bool CLoopCore::PollOne() {
+  return m_io->poll_one() != 0;
+}
+
+bool CLoopCore::PostUncounted(Task task) {
+  const std::lock_guard guard(m_ioLock);
+  if (m_bEnded) return false;
+  try {
+    asio::post(*m_io, [task = std::move(task)] { RunGuarded(task); });
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool CLoopCore::Post(Task task) {
+  if (m_nPosted.fetch_add(1) < CMessageLoop::kMaxPosted &&
+      PostUncounted([this, task = std::move(task)] {
+        --m_nPosted;
+        task();
+      })) {
+    return true;
+  }
+  --m_nPosted;
+  return false;
+}
+
+void CLoopCore::Quit() {
+  m_bQuit = true;
+  PostUncounted([] {});
+}
+
+void CLoopCore::Serve(CCall& call) {
+  if (!call.Move(CCall::State::kWaiting, CCall::State::kTaken)) return;
+  RunGuarded(*call.pTask);
+  call.Move(CCall::State::kTaken, CCall::State::kRun);
+}
+
+void CLoopCore::ServeCalls() {
+  for (;;) {
+    std::shared_ptr<CCall> pCall;
+    {
+      const std::lock_guard guard(m_pMailbox->lock);
+      if (m_pMailbox->calls.empty()) return;
+      pCall = std::move(m_pMailbox->calls.front());
+      m_pMailbox->calls.pop_front();
+    }
+    Serve(*pCall);
+  }
+}
+
+bool CLoopCore::Call(const Task& task) {
+  if (IsOwnThread()) {
+    RunGuarded(task);
+    return true;
+  }
+  const std::shared_ptr<CLoopCore> pOwn = Existing();
+  const auto pCall = std::make_shared<CCall>();
+  pCall->pTask = &task;
+  pCall->pCaller = pOwn ? pOwn->m_pMailbox : std::make_shared<CMailbox>();
+  {
+    const std::lock_guard guard(m_pMailbox->lock);
+    if (m_pMailbox->bClosed) return false;
+    m_pMailbox->calls.push_back(pCall);
+    m_pMailbox->changed.notify_all();  // it may be waiting in a call of its own
+  }
+  // The owner of this reference keeps the loop alive until the task has run or been dropped.
+  PostUncounted([this] { ServeCalls(); });
+
+  CMailbox& own = *pCall->pCaller;
+  const TimePoint patience = std::chrono::steady_clock::now() + kCallPatience;
+  std::unique_lock guard(own.lock);
+  while (pCall->state == CCall::State::kWaiting || pCall->state == CCall::State::kTaken) {
+    if (!own.calls.empty()) {
+      guard.unlock();
+      pOwn->ServeCalls();
+      guard.lock();
+    } else if (pCall->state == CCall::State::kTaken) {
+      own.changed.wait(guard);
+    } else if (own.changed.wait_until(guard, patience) == std::cv_status::timeout &&
+               pCall->state == CCall::State::kWaiting) {
+      pCall->state = CCall::State::kRefused;  // who takes it up later finds it withdrawn
+    }
+  }
+  return pCall->state == CCall::State::kRun;
+}
+
+CMessageLoop CMessageLoop::Current() {
+  CMessageLoop loop;
+  loop.m_pCore = CLoopCore::Current();
+  return loop;
+}
+
+bool CMessageLoop::IsOwn() const {
+  return m_pCore && m_pCore->IsOwnThread();
+}
+
+void CMessageLoop::Run() {
+  if (!IsOwn()) return;
+  m_pCore->RunUntil([this] { return m_pCore->TakeQuit(); }, std::nullopt);
+}
+
+bool CMessageLoop::RunUntil(const std::function<bool()>& done, int32_t timeoutMs) {
+  if (!IsOwn()) return done();
+  if (timeoutMs < 0) return m_pCore->RunUntil(done, std::nullopt);
+  return m_pCore->RunUntil(done,
+                           std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs));
+}
+
+void CMessageLoop::RunUntilIdle() {
+  for (int32_t i = 0; IsOwn() && i < kMaxPosted && m_pCore->PollOne(); ++i) {
+  }
+}
+
+void CMessageLoop::Quit() {
+  if (m_pCore) m_pCore->Quit();
+}
+
+bool CMessageLoop::Post(Task task) {
+  return m_pCore && m_pCore->Post(std::move(task));
+}
+
+struct CTimer::Impl : CLoopResource, std::enable_shared_from_this<CTimer::Impl> {
+  std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
+  std::optional<asio::steady_timer> timer;
+  uint64_t nRound = 0;  // tells a task that was stopped when it was due already
+
+  void OnLoopEnd() override { timer.reset(); }
+
+  void Start(int32_t delayMs, CMessageLoop::Task task) {
+    const uint64_t round = ++nRound;
+    timer->expires_after(std::chrono::milliseconds(delayMs));
+    timer->async_wait(
+        [pSelf = shared_from_this(), round, task = std::move(task)](const asio::error_code& ec) {
+          if (!ec && round == pSelf->nRound) RunGuarded(task);
+        });
+  }
+};
+
+CTimer::CTimer() : m_pImpl(std::make_shared<Impl>()) {
+  if (!m_pImpl->pLoop) return;
+  m_pImpl->timer.emplace(m_pImpl->pLoop->Io());
+  m_pImpl->pLoop->Attach(m_pImpl.get());
+}
+
+CTimer::~CTimer() {
+  Stop();
+  if (m_pImpl->timer) m_pImpl->pLoop->Detach(m_pImpl.get());
+  m_pImpl->timer.reset();
+}
+
+bool CTimer::Start(int32_t delayMs, CMessageLoop::Task task) {
+  if (!m_pImpl->timer) return false;
+  m_pImpl->Start(delayMs, std::move(task));
+  return true;
+}
+
+void CTimer::Stop() {
+  ++m_pImpl->nRound;
+  if (m_pImpl->timer) m_pImpl->timer->cancel();
+}
+
+struct CInterruptWatch::Impl : CLoopResource, std::enable_shared_from_this<CInterruptWatch::Impl> {
+  std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
+  std::optional<asio::signal_set> signals;
+  CMessageLoop::Task task;
+
+  void OnLoopEnd() override { signals.reset(); }
+
+  void Wait() {
+    signals->async_wait([pSelf = shared_from_this()](const asio::error_code& ec, int) {
+      if (ec || !pSelf->signals) return;
+      const CMessageLoop::Task handler = pSelf->task;  // it may destroy the watch
+      RunGuarded(handler);
+      if (pSelf->signals) pSelf->Wait();
+    });
+  }
+};
+
+CInterruptWatch::CInterruptWatch(CMessageLoop::Task task) : m_pImpl(std::make_shared<Impl>()) {
+  m_pImpl->task = std::move(task);
+  if (!m_pImpl->pLoop) return;
+  m_pImpl->signals.emplace(m_pImpl->pLoop->Io());
+  asio::error_code ignored;  // a signal that can't be watched keeps its ordinary effect
+  m_pImpl->signals->add(SIGINT, ignored);
+  m_pImpl->signals->add(SIGTERM, ignored);
+  m_pImpl->pLoop->Attach(m_pImpl.get());
+  m_pImpl->Wait();
+}
+
+CInterruptWatch::~CInterruptWatch() {
+  if (m_pImpl->signals) m_pImpl->pLoop->Detach(m_pImpl.get());
+  m_pImpl->signals.reset();
+}
+
+}  // namespace kvl

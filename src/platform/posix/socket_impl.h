@@ -1,0 +1,90 @@
+// What stands behind CAsyncSocket, for the sources of this folder only.
+#pragma once
+
+#include <asio/ip/tcp.hpp>
+#include <asio/steady_timer.hpp>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/loop_core.h"
+#include "platform/posix/wakeup_impl.h"
+#include "platform/socket.h"
+
+namespace kvl {
+
+// Lives as long as its socket object or a handler that Asio still holds. All on the loop's
+// thread, but for what stands under "shared".
+struct CAsyncSocket::Impl : CLoopResource, std::enable_shared_from_this<CAsyncSocket::Impl> {
+  using Tcp = asio::ip::tcp;
+  enum class State { kIdle, kConnecting, kConnected, kListening };
+
+  explicit Impl(CAsyncSocket* pSocket) : pOwner(pSocket) {}
+
+  void Begin(std::shared_ptr<CLoopCore> pNewLoop, int32_t nNewEvents);
+  void End();
+  void OnLoopEnd() override { pOwner->Close(); }
+
+  int32_t Bind(const Tcp::endpoint& local);
+  int32_t Listen(int32_t nBacklog);
+  void Connect(const std::string& strHost, uint32_t nPort);
+  void Adopt(Tcp::socket&& accepted);
+  int32_t Receive(void* pBuffer, int32_t nSize, std::error_code& ec);
+
+  // Any thread.
+  int32_t Send(const void* pBuffer, int32_t nSize);
+  bool WaitWritable(int32_t timeoutMs);
+  void Interrupt();
+
+  CAsyncSocket* const pOwner;  // gone once End has run
+  int32_t nEvents = 0;
+  State state = State::kIdle;
+  std::optional<Tcp::socket> socket;
+  std::optional<Tcp::acceptor> acceptor;
+  std::optional<Tcp::socket> pending;  // an accepted connection that waits for Accept
+  std::optional<Tcp::resolver> resolver;
+  std::optional<asio::steady_timer> timer;  // of the connect, or until OnAccept is told anew
+  std::vector<Tcp::endpoint> endpoints;     // still to be tried by the connect
+  bool bBound = false;
+  bool bReadWaiting = false;
+  bool bCloseTold = false;
+  bool bInReceive = false;
+  int32_t nReceiveBudget = 0;  // what the OnReceive under way may still hand out
+
+  // Shared, under the lock; nRound and pLoop are written on the loop's thread alone.
+  std::mutex lock;
+  std::shared_ptr<CLoopCore> pLoop;
+  uint64_t nRound = 0;  // handlers of an earlier round do nothing
+  int fd = -1;          // while connected
+  bool bInterrupted = false;
+  bool bWriteWaiting = false;
+  int32_t nLost = 0;  // the failure that has ended the connection
+
+  CWakeup wakeup;
+
+ private:
+  template <typename Body>
+  auto Handler(Body body);
+  bool Notify(int32_t nEvent, void (CAsyncSocket::*pNotification)(int32_t), int32_t nCode);
+  void StartTimer(int32_t delayMs, void (Impl::*pTask)());
+  void NextRound();
+  void DropSocket();
+  void Lose(int32_t nCode);
+
+  void FinishLater(int32_t nCode);
+  void TryNext(int32_t nCode);
+  void ConnectTimedOut();
+  void Finish(int32_t nCode);
+  void Establish();
+  void WaitRead();
+  void Readable(const std::error_code& ec);
+  void RaiseClose(int32_t nCode);
+  void WaitWrite();
+  void WaitAccept();
+  void RaiseAccept();
+};
+
+}  // namespace kvl
