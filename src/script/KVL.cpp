@@ -124,17 +124,7 @@ void CKVL::CompileLine(const std::string& line) {
     if (label != nullptr) label->m_nIndex = static_cast<int32_t>(m_listCommand.size());
     return;
   }
-  CCommandTable& command = m_listCommand.emplace_back();
-  command = CCommandTable{};
-  command.m_nCommand = KeywordNumber(tokens[0]);
-  command.m_nOperand = static_cast<uint8_t>(std::min<size_t>(tokens.size() - 1, 255));
-  for (size_t i = 1; i < tokens.size() && i <= static_cast<size_t>(kMaxOperands); ++i) {
-    if (tokens[i].size() > static_cast<size_t>(kMaxOperand)) {
-      command.m_nCommand = kNoCommand;  // a cut operand would mean something else
-    } else {
-      tokens[i].copy(command.m_szOperand[i - 1], tokens[i].size());
-    }
-  }
+  FillCommand(tokens, m_listCommand.emplace_back());
 }
 
 void CKVL::Unbind() {
