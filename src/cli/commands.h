@@ -1,0 +1,37 @@
+// The subcommands of `kvl`. Each adds itself to the command line; its work runs from main.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace kvl::cli {
+
+// The exit codes that scripts rely on.
+enum EExit : int {
+  kDone = 0,    // also when SIGINT or SIGTERM ended a command that runs until then
+  kFailed = 1,  // the work failed, or the script has faults
+  kUsage = 2,   // the command line is wrong, or a named file can't be read
+};
+
+// Ends the command with one message on standard error.
+class CCommandError : public std::runtime_error {
+ public:
+  CCommandError(EExit exit, const std::string& message)
+      : std::runtime_error(message), m_exit(exit) {}
+  EExit Exit() const { return m_exit; }
+
+ private:
+  EExit m_exit;
+};
+
+// What a command finds and leaves.
+struct CContext {
+  std::string m_color = "auto";  // --color
+  std::function<int()> m_work;   // set by the subcommand that the user chose
+};
+
+void AddReplayCommand(CLI::App& app, CContext& context);
+
+}  // namespace kvl::cli

@@ -1,0 +1,123 @@
+#include "cli/output.h"
+
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "cli/commands.h"
+#include "platform/terminal.h"
+#include "platform/text_encoding.h"
+
+namespace kvl::cli {
+namespace {
+
+int DigitOf(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+const char* CodeOf(EColor color) {
+  switch (color) {
+    case EColor::Bold:
+      return "1";
+    case EColor::Dim:
+      return "2";
+    case EColor::Red:
+      return "1;31";
+    case EColor::Green:
+      return "32";
+    case EColor::Cyan:
+      return "36";
+    case EColor::Plain:
+      break;
+  }
+  return "0";
+}
+
+}  // namespace
+
+void PrintJson(const CJson& object) {
+  const std::string line = object.dump(-1, ' ', false, CJson::error_handler_t::replace);
+  fmt::print("{}\n", line);
+}
+
+std::string ToHex(std::span<const uint8_t> bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const uint8_t byte : bytes) {
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 15];
+  }
+  return text;
+}
+
+std::string ToHex(std::string_view bytes) {
+  return ToHex({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+}
+
+bool FromHex(std::string_view text, std::vector<uint8_t>& bytes) {
+  int high = -1;
+  for (const char c : text) {
+    if (c == ' ' && high < 0) continue;
+    const int digit = DigitOf(c);
+    if (digit < 0) return false;
+    if (high < 0) {
+      high = digit;
+    } else {
+      bytes.push_back(static_cast<uint8_t>(high << 4 | digit));
+      high = -1;
+    }
+  }
+  return high < 0;
+}
+
+std::string Printable(std::string_view bytes) {
+  std::string text;
+  for (const char c : Utf8FromCp949(bytes)) {
+    switch (c) {
+      case '\r':
+        text += "\\r";
+        break;
+      case '\n':
+        text += "\\n";
+        break;
+      case '\t':
+        text += "\\t";
+        break;
+      case '\\':
+        text += "\\\\";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+          text += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
+        } else {
+          text += c;
+        }
+    }
+  }
+  return text;
+}
+
+CPainter::CPainter(const std::string& color, EStream stream) {
+  const char* noColor = std::getenv("NO_COLOR");
+  const bool unwanted = noColor != nullptr && *noColor != '\0';
+  const bool terminal = stream == EStream::Output ? IsOutputTerminal() : IsErrorTerminal();
+  m_bOn = color == "always" || (color == "auto" && !unwanted && terminal);
+}
+
+std::string CPainter::Paint(EColor color, std::string_view text) const {
+  if (!m_bOn || color == EColor::Plain) return std::string(text);
+  return fmt::format("\x1b[{}m{}\x1b[0m", CodeOf(color), text);
+}
+
+void FlushOutput() {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    throw CCommandError(kFailed, "standard output can't be written");
+  }
+}
+
+}  // namespace kvl::cli

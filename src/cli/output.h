@@ -1,0 +1,44 @@
+// What every command prints in the same way.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvl::cli {
+
+using CJson = nlohmann::ordered_json;
+
+// One object a line on standard output.
+void PrintJson(const CJson& object);
+
+// Two lower-case digits a byte.
+std::string ToHex(std::span<const uint8_t> bytes);
+std::string ToHex(std::string_view bytes);
+
+// The bytes that pairs of hexadecimal digits give; blanks between them are passed over. False,
+// with `bytes` undefined, if anything else stands there.
+bool FromHex(std::string_view text, std::vector<uint8_t>& bytes);
+
+// Bytes for a person's eyes: text as UTF-8, control characters as \r, \n, \t or \xHH.
+std::string Printable(std::string_view bytes);
+
+// Colour, if `color` (auto, always, never), the terminal and NO_COLOR want it.
+enum class EColor { Plain, Bold, Dim, Red, Green, Cyan };
+class CPainter {
+ public:
+  enum class EStream { Output, Error };
+  CPainter(const std::string& color, EStream stream);
+  std::string Paint(EColor color, std::string_view text) const;
+
+ private:
+  bool m_bOn;
+};
+
+// Throws CCommandError if standard output took not everything.
+void FlushOutput();
+
+}  // namespace kvl::cli

@@ -1,0 +1,43 @@
+// What a host may want to know of a running session.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "platform/api.h"
+
+namespace kvl {
+
+enum class ESessionStatus {
+  Opened,         // the serial port is open
+  Connecting,     // a connect has been started
+  Connected,      // the peer has accepted
+  ConnectFailed,  // it has not; the script runs over empty batches
+  Closed,         // the peer has closed the connection, or it broke
+  Lost,           // the serial device has gone
+  Stopped,        // Stop has ended the session
+};
+
+// Threads: OnStatus on the control's thread. OnReceived on the thread that takes the bytes from
+//          the line: the worker's on a serial line, the control's on a socket. The others on the
+//          worker. No operation of the control may be called from OnReceived, OnSent, OnPrint and
+//          OnPut; OnStatus may destroy nothing.
+class KVL_API CSessionObserver {
+ public:
+  virtual ~CSessionObserver() = default;
+
+  // `text` says more for a person, without line ends; it may be empty.
+  virtual void OnStatus(ESessionStatus /*status*/, std::string_view /*text*/) {}
+
+  // Bytes as they came from the line, zero bytes included.
+  virtual void OnReceived(std::span<const uint8_t> /*bytes*/) {}
+
+  // What an OUT is about to send.
+  virtual void OnSent(std::span<const uint8_t> /*bytes*/, int32_t /*interval*/) {}
+
+  virtual void OnPrint(std::string_view /*message*/) {}
+  virtual void OnPut(std::string_view /*tag*/, std::span<const uint8_t> /*payload*/) {}
+};
+
+}  // namespace kvl
