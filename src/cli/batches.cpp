@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
+#include "cli/capture.h"
 #include "cli/commands.h"
 #include "cli/output.h"
+#include "platform/clock.h"
 
 namespace kvl::cli {
 namespace {
@@ -46,6 +49,29 @@ bool ReadBatch(std::istream& stream, const CBatchOptions& options, CBatch& batch
   return !batch.empty();
 }
 
+void WaitUntil(int64_t microseconds, int64_t startMs) {
+  const int64_t left = startMs + microseconds / 1000 - GetTickCount();
+  if (left > 0) Sleep(static_cast<uint32_t>(left));
+}
+
+void ReplayCapture(std::istream& stream, const CBatchOptions& options,
+                   const std::function<void(const CBatch&)>& pass) {
+  const int64_t start = GetTickCount();
+  std::string all;
+  CCaptureRecord record;
+  while (ReadCaptureRecord(stream, record)) {
+    if (options.m_bCut) {
+      all.append(record.m_bytes.begin(), record.m_bytes.end());
+      continue;
+    }
+    if (options.m_bRealTime) WaitUntil(record.m_nMicroseconds, start);
+    pass(WithoutZeros(std::move(record.m_bytes)));
+  }
+  std::istringstream whole(all);
+  CBatch batch;
+  while (options.m_bCut && ReadBatch(whole, options, batch)) pass(WithoutZeros(batch));
+}
+
 }  // namespace
 
 void ForEachBatch(const CBatchOptions& options, const std::function<void(const CBatch&)>& pass) {
@@ -55,6 +81,7 @@ void ForEachBatch(const CBatchOptions& options, const std::function<void(const C
     std::ranges::for_each(batches, pass);
     return;
   }
+  std::ios::sync_with_stdio(false);  // so that standard input can be looked at and put back
   std::ifstream file;
   if (options.m_input != "-") file.open(options.m_input, std::ios::binary);
   std::istream& stream = options.m_input == "-" ? std::cin : file;
@@ -63,6 +90,15 @@ void ForEachBatch(const CBatchOptions& options, const std::function<void(const C
     throw CCommandError(kUsage, fmt::format("'{}' can't be read", options.m_input));
   };
   if (stream.bad() || (!stream.eof() && stream.fail())) refuse();
+  if (SkipCaptureHead(stream)) {
+    ReplayCapture(stream, options, pass);
+    return;
+  }
+  if (options.m_bRealTime) {
+    throw CCommandError(kUsage, fmt::format("--real-time needs a capture file of kvl run; '{}' is "
+                                            "none",
+                                            options.m_input));
+  }
   CBatch batch;
   while (ReadBatch(stream, options, batch)) pass(WithoutZeros(batch));
   if (stream.bad()) refuse();

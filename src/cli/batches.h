@@ -15,7 +15,9 @@ struct CBatchOptions {
   std::string m_input;                 // a file, "-" for standard input, or empty
   std::vector<std::string> m_batches;  // hexadecimal, each one batch
   size_t m_nChunk = 2048;
-  bool m_bLines = false;  // cut behind each LF instead
+  bool m_bLines = false;     // cut behind each LF instead
+  bool m_bCut = false;       // cut a capture file too; otherwise each of its reads is a batch
+  bool m_bRealTime = false;  // a capture file at the pace at which it was made
 };
 
 // Calls `pass` for each batch in order, with the bytes of value 0 left out, as on a live line;

@@ -32,6 +32,7 @@ struct CContext {
   std::function<int()> m_work;   // set by the subcommand that the user chose
 };
 
+void AddPortsCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
 
 }  // namespace kvl::cli

@@ -20,6 +20,7 @@ int Run(int argc, char** argv) {
       ->capture_default_str();
   app.require_subcommand(1);
   app.fallthrough();
+  AddPortsCommand(app, context);
   AddReplayCommand(app, context);
   try {
     app.parse(argc, argv);

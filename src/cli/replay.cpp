@@ -57,6 +57,11 @@ void AddReplayCommand(CLI::App& app, CContext& context) {
   command->add_flag("--lines", options->m_batches.m_bLines, "Cut INPUT behind each LF instead")
       ->excludes(chunk);
   command
+      ->add_flag("--real-time", options->m_batches.m_bRealTime,
+                 "Replay a capture file at the pace at which it was made")
+      ->excludes(chunk)
+      ->excludes("--lines");
+  command
       ->add_option("--batch", options->m_batches.m_batches,
                    "One batch, as hexadecimal; may be repeated; '' is an empty batch")
       ->type_name("HEX")
@@ -70,7 +75,8 @@ void AddReplayCommand(CLI::App& app, CContext& context) {
       ->check(CLI::PositiveNumber)
       ->type_name("N");
   command->add_flag("--json", options->m_bJson, "Print events as JSON, one object a line");
-  command->callback([options, &context] {
+  command->callback([options, chunk, &context] {
+    options->m_batches.m_bCut = chunk->count() > 0 || options->m_batches.m_bLines;
     context.m_work = [options, &context] { return Replay(*options, context); };
   });
 }

@@ -12,7 +12,9 @@ constexpr int64_t kSyncLimitMs = 1000;
 
 }  // namespace
 
-void CSession::Start() { m_bRun = 1; }
+void CSession::Start() {
+  m_bRun = 1;
+}
 
 void CSession::Stop() {
   {

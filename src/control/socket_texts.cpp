@@ -42,8 +42,12 @@ std::string_view Find(std::span<const CCodeText> texts, int32_t code) {
 
 }  // namespace
 
-std::string_view ConnectErrorText(int32_t code) { return Find(kConnectTexts, code); }
+std::string_view ConnectErrorText(int32_t code) {
+  return Find(kConnectTexts, code);
+}
 
-std::string_view CloseErrorText(int32_t code) { return Find(kCloseTexts, code); }
+std::string_view CloseErrorText(int32_t code) {
+  return Find(kCloseTexts, code);
+}
 
 }  // namespace kvl

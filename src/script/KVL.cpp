@@ -7,6 +7,9 @@
 #include "script/escapes.h"
 #include "script/source_reader.h"
 #include "script/tag_exchange.h"
+#include "transport/RS232Ctrl.h"
+#include "transport/Sockets.h"
+#include "transport/comm.h"
 
 namespace kvl {
 namespace {
@@ -121,17 +124,7 @@ void CKVL::CompileLine(const std::string& line) {
     if (label != nullptr) label->m_nIndex = static_cast<int32_t>(m_listCommand.size());
     return;
   }
-  CCommandTable& command = m_listCommand.emplace_back();
-  command = CCommandTable{};
-  command.m_nCommand = KeywordNumber(tokens[0]);
-  command.m_nOperand = static_cast<uint8_t>(std::min<size_t>(tokens.size() - 1, 255));
-  for (size_t i = 1; i < tokens.size() && i <= static_cast<size_t>(kMaxOperands); ++i) {
-    if (tokens[i].size() > static_cast<size_t>(kMaxOperand)) {
-      command.m_nCommand = kNoCommand;  // a cut operand would mean something else
-    } else {
-      tokens[i].copy(command.m_szOperand[i - 1], tokens[i].size());
-    }
-  }
+  FillCommand(tokens, m_listCommand.emplace_back());
 }
 
 void CKVL::Unbind() {
@@ -215,6 +208,18 @@ bool CKVL::BeginIdle() {
   return !m_state.m_bTouched && !m_bLimitReached && m_pParent->m_bRun.load() != 0 &&
          compare == m_state.m_wCompare && interval == m_state.m_nOutInterval &&
          m_listVariable.Equals(m_idleImage);
+}
+
+void CKVL::SetListenObject(CRS232Ctrl* pSerial) {
+  SetLine(kMediaSerial, pSerial);
+}
+
+void CKVL::SetListenObject(CClientSock* pSocket) {
+  SetLine(kMediaTcp, pSocket);
+}
+
+void CKVL::SetLine(uint32_t nInterface, CLine* pLine) {
+  (nInterface == kMediaSerial ? m_pSerial : m_pSocket) = pLine;
 }
 
 const CVariableTable* CKVL::FindVariableTable(const char* pszName) const {
@@ -315,9 +320,21 @@ int32_t CKVL::Bin2Dec(const char* pszText) {
 
 void CKVL::SendString(const uint8_t* pBytes, int32_t nBytes, int32_t nInterval) {
   if (nBytes <= 0) return;
+  CLine* const line = m_nInterface == kMediaSerial ? m_pSerial
+                      : m_nInterface == kMediaTcp  ? m_pSocket
+                                                   : nullptr;
+  const auto write = [line](const uint8_t* bytes, int32_t count) {
+    if (line != nullptr && line->IsOpen()) line->Write(bytes, count);
+  };
   m_pParent->OnOut({pBytes, static_cast<size_t>(nBytes)}, nInterval);
-  if (nInterval == 0) return;
-  for (int32_t i = 0; i < nBytes; ++i) m_pParent->Pause(nInterval, EPause::Pacing);
+  if (nInterval == 0) {
+    write(pBytes, nBytes);
+    return;
+  }
+  for (int32_t i = 0; i < nBytes && m_pParent->m_bRun != 0; ++i) {
+    write(pBytes + i, 1);
+    m_pParent->Pause(nInterval, EPause::Pacing);
+  }
 }
 
 void CKVL::Execute(int32_t nCommand, const CCommandTable& command) {

@@ -27,6 +27,10 @@
 
 namespace kvl {
 
+class CClientSock;
+class CLine;
+class CRS232Ctrl;
+
 // What GET announces to SetBufferValue. It takes no part in the copy.
 enum TAG_TYPE { TAG_BYTE = 1, TAG_INTEGER = 2, TAG_FLOAT = 3 };
 
@@ -63,10 +67,16 @@ class KVL_API CKVL : private CLineOutput {
   // Whether the last pass ended at the limit with an instruction due.
   bool LimitReached() const { return m_bLimitReached; }
 
+  // The line for OUT, borrowed: it outlives the engine or is taken back with null. SetLine is for
+  // a line of the owner's own.
+  void SetListenObject(CRS232Ctrl* pSerial);
+  void SetListenObject(CClientSock* pSocket);
+  void SetLine(uint32_t nInterface, CLine* pLine);
+
   // Milliseconds behind each byte of OUT; 0 sends a whole text in one write.
   void SetOutInterval(int32_t nInterval) { m_state.m_nOutInterval = nInterval; }
   int32_t GetOutInterval() const { return m_state.m_nOutInterval; }
-  // The line in use: 1 serial, 2 socket.
+  // The line in use: kMediaSerial or kMediaTcp.
   void SetInterface(uint32_t nInterface) { m_nInterface = nInterface; }
   uint32_t GetInterface() const { return m_nInterface; }
 
@@ -121,15 +131,6 @@ class KVL_API CKVL : private CLineOutput {
 
 // Instruction handlers: each runs one record by itself, whatever its number says.
 // NOLINTBEGIN(bugprone-reserved-identifier): these names are the language's own.
-#define KVL_HANDLERS(X)                                                                           \
-  X(_In, kIN)                                                                                     \
-  X(_Out, kOUT)                                                                                   \
-  X(_FindX, kFIND)                                                                                \
-  X(_Cmp, kCMP)                                                                                   \
-  X(_MoveX, kMOVE) X(_Delay, kDELAY) X(_Sleep, kSLEEP) X(_Print, kPRINT) X(_PrintEx, kPRINTEX)    \
-      X(_Cat, kCAT) X(_ClearX, kCLEAR) X(_CopyX, kCOPY) X(_Inc, kINC) X(_Dec, kDEC) X(_Add, kADD) \
-          X(_Sub, kSUB) X(_Sync, kSYNC) X(_Put, kPUT) X(_Get, kGET) X(_And, kAND) X(_Or, kOR)     \
-              X(_Xor, kXOR) X(_Not, kNOT) X(_Conv, kCONV)
 #define KVL_DECLARE(handler, number)            \
   void handler(const CCommandTable* pCommand) { \
     Execute(number, *pCommand);                 \
@@ -155,6 +156,8 @@ class KVL_API CKVL : private CLineOutput {
 
   CEngineOwner* const m_pParent;
   uint32_t m_nInterface = 1;
+  CLine* m_pSerial = nullptr;
+  CLine* m_pSocket = nullptr;
   CRunState m_state;
   CPrintList m_prints;
   std::unique_ptr<CTagExchange> m_pTags;

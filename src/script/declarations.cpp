@@ -58,7 +58,7 @@ std::span<uint8_t> BytesOf(const CVariableTable& variable) {
 }
 
 CVariableTable* CVariableStorage::AppendWithBlock(std::string_view name, int64_t bytes) {
-  if (bytes > kMaxVariableBytes || m_nBlockBytes + bytes > kMaxStorageBytes) return nullptr;
+  if (!FitsStorage(bytes, m_nBlockBytes)) return nullptr;
   // Zeroed pages cost nothing until a script touches them. A block has a byte even at size 0.
   auto* block = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(bytes) + 1, 1));
   CVariableTable* record = block == nullptr ? nullptr : m_list.Append(name);

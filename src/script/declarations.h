@@ -17,6 +17,11 @@ namespace kvl {
 constexpr int32_t kMaxVariableBytes = 16 << 20;           // of one DIM
 constexpr int64_t kMaxStorageBytes = int64_t{256} << 20;  // of all blocks of a script
 
+// Whether a block of `bytes` bytes may join those of `used` bytes.
+constexpr bool FitsStorage(int64_t bytes, int64_t used) {
+  return bytes <= kMaxVariableBytes && used + bytes <= kMaxStorageBytes;
+}
+
 // The element type that a suffix stands for, or kNoType.
 EElementType TypeOfSuffix(char suffix);
 

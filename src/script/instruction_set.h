@@ -10,6 +10,8 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <string>
 #include <string_view>
 
 // clang-format off
@@ -45,9 +47,20 @@
   X(29, XOR,     Xor,     2, 2, "scalar value")                         \
   X(30, NOT,     Not,     1, 1, "scalar")                               \
   X(31, CONV,    Conv,    3, 3, "scalar place digits")
+
+// The method that both engines have for an instruction, X(method, number); but for the jumps,
+// which lead somewhere.
+#define KVL_HANDLERS(X)                                                         \
+  X(_In, kIN) X(_Out, kOUT) X(_FindX, kFIND) X(_Cmp, kCMP) X(_MoveX, kMOVE)     \
+  X(_Delay, kDELAY) X(_Sleep, kSLEEP) X(_Print, kPRINT) X(_PrintEx, kPRINTEX)   \
+  X(_Cat, kCAT) X(_ClearX, kCLEAR) X(_CopyX, kCOPY) X(_Inc, kINC) X(_Dec, kDEC) \
+  X(_Add, kADD) X(_Sub, kSUB) X(_Sync, kSYNC) X(_Put, kPUT) X(_Get, kGET)       \
+  X(_And, kAND) X(_Or, kOR) X(_Xor, kXOR) X(_Not, kNOT) X(_Conv, kCONV)
 // clang-format on
 
 namespace kvl {
+
+struct CCommandTable;
 
 enum ECommand : int32_t {
   kNoCommand = 0,
@@ -65,13 +78,17 @@ struct CInstruction {
 };
 
 inline constexpr CInstruction kInstructions[] = {
-#define KVL_ROW(number, keyword, family, least, most, forms) \
-  {number, #keyword, least, most, forms},
+#define KVL_ROW(number, keyword, family, least, most, forms) {number, #keyword, least, most, forms},
     KVL_INSTRUCTIONS(KVL_ROW)
 #undef KVL_ROW
 };
 
 // The instruction number of an exact keyword, or 0.
 int32_t KeywordNumber(std::string_view word);
+
+// Fills a record, but for its line, from the tokens of a main line: keyword and operands. Returns
+// the position of the first operand that is too long for the record, else -1. A cut operand would
+// mean something else, so that such a record does nothing: its number is 0.
+int32_t FillCommand(std::span<const std::string> tokens, CCommandTable& command);
 
 }  // namespace kvl

@@ -1,0 +1,278 @@
+// `kvl run`: verifies a script, opens its line and decodes until the user ends it.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+#include <optional>
+#include <random>
+
+#include "cli/capture.h"
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/script_file.h"
+#include "control/DecodeCtrl.h"
+#include "platform/clock.h"
+#include "platform/message_loop.h"
+#include "platform/serial.h"
+
+namespace kvl::cli {
+namespace {
+
+struct CRunOptions {
+  std::string m_script;
+  std::vector<std::string> m_ports;  // NAME=DEVICE
+  std::string m_capture;
+  bool m_bTrace = false;
+  bool m_bReconnect = true;
+  bool m_bJson = false;
+};
+
+// "2026-03-01 12:34:56.789", local time.
+std::string TimeText(int64_t microseconds) {
+  const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds),
+                     microseconds / 1000 % 1000);
+}
+
+// How long to wait before the next try to open a lost line: twice as long each time, up to 30 s,
+// and a random part of it, so that a hundred gateways don't come back in the same moment.
+class CBackoff {
+ public:
+  int32_t NextMs() {
+    const int32_t base = m_nBaseMs;
+    m_nBaseMs = std::min(m_nBaseMs * 2, kMaxMs);
+    return std::uniform_int_distribution(base / 2, base)(m_random);
+  }
+  void Reset() { m_nBaseMs = kFirstMs; }
+
+ private:
+  static constexpr int32_t kFirstMs = 500;
+  static constexpr int32_t kMaxMs = 30000;
+  int32_t m_nBaseMs = kFirstMs;
+  std::minstd_rand m_random{std::random_device{}()};
+};
+
+// The host of one session. Its own thread prints everything; what the worker has to say is posted
+// to it, so that a terminal that takes nothing holds up nobody else.
+class CRunHost : private CDecodeCtrl, private CSessionObserver {
+ public:
+  CRunHost(const CRunOptions& options, const CContext& context)
+      : m_options(options),
+        m_painter(context.m_color, CPainter::EStream::Output),
+        m_loop(CMessageLoop::Current()) {
+    if (!options.m_capture.empty()) m_capture.emplace(options.m_capture);
+  }
+
+  int Work() {
+    if (m_frame.Create(0, RECT{0, 0, 1, 1}, nullptr, 0) == 0 ||
+        Create(&m_frame, RECT{0, 0, 1, 1}, 1) == 0) {
+      throw CCommandError(kFailed, "the system gives no message loop");
+    }
+    SetObserver(this);
+    SetScriptName(m_options.m_script.c_str());
+    if (VerifyScript() != 0) return ReportFaults(*GetSyntax());
+    if (GetCom().nMedia != kMediaSerial && GetCom().nMedia != kMediaTcp) {
+      throw CCommandError(kFailed, "the script names no line that can be opened: it needs OPEN "
+                                   "MEDIA RS232C or OPEN MEDIA TCP");
+    }
+    const CInterruptWatch interrupts([this] { m_loop.Quit(); });
+    m_nStart = GetTickCount();
+    if (CDecodeCtrl::Run() != 0) LineFailed(fmt::format("{} can't be opened", DeviceText()));
+    m_loop.Run();
+    Stop();
+    m_loop.RunUntilIdle();  // what the worker still had to say
+    Summarise();
+    return m_exit;
+  }
+
+ private:
+  // Prints the verifier's list.
+  int ReportFaults(const CKVLSyntax& syntax) const;
+
+  std::string DeviceText() const {
+    const std::string name = GetCom().szPort;
+    const std::string device = FindSerialPort(name);
+    if (device.empty()) return name + " (no such port: see kvl ports, or map it with --port)";
+    return device == name ? name : fmt::format("{} ({})", name, device);
+  }
+
+  void OnStatus(ESessionStatus status, std::string_view text) override {
+    switch (status) {
+      case ESessionStatus::Opened:
+        LineIsUp("opened", DeviceText());
+        break;
+      case ESessionStatus::Connecting:
+        if (!m_bReconnecting) State("connecting", text);
+        break;
+      case ESessionStatus::Connected:
+        LineIsUp("connected", text);
+        break;
+      case ESessionStatus::ConnectFailed:
+        LineFailed(text);
+        break;
+      case ESessionStatus::Closed:
+        State("closed by peer", text);
+        LineFailed({});
+        break;
+      case ESessionStatus::Lost:
+        State("lost", DeviceText());
+        LineFailed({});
+        break;
+      case ESessionStatus::Stopped:
+        State("stopped", {});
+        break;
+    }
+  }
+
+  void LineIsUp(const char* state, std::string_view text) {
+    m_bReconnecting = false;
+    m_backoff.Reset();
+    State(state, text);
+  }
+
+  // One line for a change of state, and none for each further try.
+  void LineFailed(std::string_view reason) {
+    if (!m_options.m_bReconnect) {
+      if (!reason.empty()) State("failed", reason);
+      m_exit = kFailed;
+      // A pass that works on the last bytes gets the time to end.
+      m_retry.Start(kLastPassMs, [this] { m_loop.Quit(); });
+      return;
+    }
+    if (!m_bReconnecting) State("reconnecting", reason);
+    m_bReconnecting = true;
+    m_retry.Start(m_backoff.NextMs(), [this] { Retry(); });
+  }
+
+  void Retry() {
+    if (GetCom().nMedia == kMediaTcp) {
+      OnRecreateSocket();
+    } else if (OnReopenPort() != 0) {
+      LineFailed({});
+    }
+  }
+
+  void OnReceived(std::span<const uint8_t> bytes) override {
+    m_nReceived += bytes.size();
+    if (m_capture) m_capture->Write((GetTickCount() - m_nStart) * 1000, bytes);
+    if (m_options.m_bTrace) Trace("received", bytes);
+  }
+
+  void OnSent(std::span<const uint8_t> bytes, int32_t /*interval*/) override {
+    m_nSent += bytes.size();
+    if (m_options.m_bTrace) Trace("sent", bytes);
+  }
+
+  void OnPrint(std::string_view message) override {
+    Say("print", {{"hex", ToHex(message)}}, Printable(message), EColor::Plain);
+  }
+
+  void Trace(const char* event, std::span<const uint8_t> bytes) {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    Say(event, {{"hex", ToHex(bytes)}}, fmt::format("{}  \"{}\"", ToHex(bytes), Printable(text)),
+        EColor::Dim);
+  }
+
+  void State(const char* state, std::string_view text) {
+    Say("state", {{"state", state}, {"text", text}},
+        text.empty() ? std::string(state) : fmt::format("{}: {}", state, Printable(text)),
+        EColor::Bold);
+  }
+
+  // Has one line printed by the host's thread. Any thread.
+  void Say(const char* event, CJson fields, std::string text, EColor color) {
+    const int64_t now = GetWallClock();
+    const bool posted = m_loop.Post([=, this, fields = std::move(fields), text = std::move(text)] {
+      if (m_options.m_bJson) {
+        CJson object = {{"event", event}, {"time", static_cast<double>(now) / 1e6}};
+        object.update(fields);
+        PrintJson(object);
+      } else {
+        fmt::print("{}  {:<8}  {}\n", m_painter.Paint(EColor::Dim, TimeText(now)), event,
+                   m_painter.Paint(color, text));
+      }
+      std::fflush(stdout);
+    });
+    if (!posted) ++m_nUnsaid;
+  }
+
+  void Summarise() {
+    const uint64_t dropped = GetDroppedBytes();
+    if (m_options.m_bJson) {
+      PrintJson({{"event", "summary"},
+                 {"received", m_nReceived.load()},
+                 {"sent", m_nSent.load()},
+                 {"dropped", dropped},
+                 {"unsaid", m_nUnsaid.load()}});
+    } else {
+      fmt::print("{} bytes received, {} sent, {} dropped because the script was too slow\n",
+                 m_nReceived.load(), m_nSent.load(), dropped);
+      if (m_nUnsaid > 0) fmt::print("{} lines were not printed: too many at once\n", m_nUnsaid.load());
+    }
+    if (m_capture && !m_capture->IsWhole()) {
+      throw CCommandError(kFailed, fmt::format("'{}' could not be written in full", m_options.m_capture));
+    }
+  }
+
+  static constexpr int32_t kLastPassMs = 200;
+
+  const CRunOptions& m_options;
+  CPainter m_painter;
+  CMessageLoop m_loop;
+  CWnd m_frame;
+  CTimer m_retry;
+  CBackoff m_backoff;
+  bool m_bReconnecting = false;
+  int m_exit = kDone;
+  int64_t m_nStart = 0;
+  std::optional<CCaptureFile> m_capture;
+  std::atomic<uint64_t> m_nReceived{0};
+  std::atomic<uint64_t> m_nSent{0};
+  std::atomic<uint64_t> m_nUnsaid{0};
+};
+
+void MapPorts(const std::vector<std::string>& ports) {
+  for (const std::string& port : ports) {
+    const size_t equals = port.find('=');
+    if (equals == port.npos || equals == 0 || equals + 1 == port.size()) {
+      throw CCommandError(kUsage, fmt::format("--port '{}' is no mapping: write NAME=DEVICE, like "
+                                              "COM3=/dev/ttyUSB0",
+                                              port));
+    }
+    MapSerialPort(port.substr(0, equals), port.substr(equals + 1));
+  }
+}
+
+int RunSession(const CRunOptions& options, const CContext& context) {
+  ReadScriptFile(options.m_script);  // a file that can't be read is the command line's fault
+  MapPorts(options.m_ports);
+  CRunHost host(options, context);
+  return host.Work();
+}
+
+}  // namespace
+
+void AddRunCommand(CLI::App& app, CContext& context) {
+  auto options = std::make_shared<CRunOptions>();
+  CLI::App* command = app.add_subcommand("run", "Verify a script, open its line, decode until Ctrl-C");
+  command->add_option("SCRIPT", options->m_script, "The script")->required();
+  command
+      ->add_option("--port", options->m_ports,
+                   "The device that a port name of the script stands for; may be repeated")
+      ->type_name("NAME=DEVICE")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  command->add_flag("--trace", options->m_bTrace, "Print every byte received and sent");
+  command->add_option("--capture", options->m_capture, "Record what is received, with its times")
+      ->type_name("FILE");
+  command->add_flag("--reconnect,!--no-reconnect", options->m_bReconnect,
+                    "Open a lost line again (the default)");
+  command->add_flag("--json", options->m_bJson, "Print JSON, one object a line");
+  command->callback([options, &context] {
+    context.m_work = [options, &context] { return RunSession(*options, context); };
+  });
+}
+
+}  // namespace kvl::cli

@@ -1,0 +1,146 @@
+// CDecodeCtrl, the control that owns one decode session: it verifies a script, opens the line that
+// the script names, and has a worker thread run the script over whatever arrives.
+//
+// Order of use: Create, SetScriptName, VerifyScript, Run, Stop; Run may follow Stop again.
+// Threads: every operation on the thread that called Create, whose message loop must run for a
+//          socket line; the worker never waits for that thread.
+// Errors:  0 success, -1 failure.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "control/session.h"
+#include "control/session_observer.h"
+#include "platform/api.h"
+#include "platform/window.h"
+#include "script/KVL.h"
+#include "transport/Queue.h"
+#include "transport/RS232Ctrl.h"
+#include "transport/Sockets.h"
+#include "transport/comm.h"
+#include "verifier/KVLSyntax.h"
+
+namespace kvl {
+
+class KVL_API CDecodeCtrl : public CStatic {
+ public:
+  CDecodeCtrl();
+  ~CDecodeCtrl() override;  // performs Stop
+
+  // Makes the control's window: a child of `pParent`, visible, without text. Non-zero on success.
+  int32_t Create(CWnd* pParent, const RECT& rect, uint32_t nID);
+
+  void SetScriptName(const char* szPath) { m_strScriptName = szPath; }
+  const char* GetScriptName() const { return m_strScriptName.c_str(); }
+
+  // Kept for the host; nothing here uses it.
+  void SetSyncObject(std::mutex* pSyncObject) { m_pSyncObject = pSyncObject; }
+
+  // The line in use: 1 serial, 2 TCP. Run sets it.
+  void SetInterface(uint32_t nInterface) { m_nInterface = nInterface; }
+  uint32_t GetInterface() const { return m_nInterface; }
+
+  // Who hears of the session; null for nobody. Set it while the session is stopped.
+  void SetObserver(CSessionObserver* pObserver) { m_pObserver = pObserver; }
+
+  // Verifies the script. 0 it passed, and its settings and table name are taken over; -1 it did
+  // not, and its faults stay readable in GetSyntax until Stop or the next VerifyScript.
+  int32_t VerifyScript();
+
+  // Starts a session on the script's line. 0 started, or nothing to start (MEDIA UDP or none); -1
+  // the last verification was not clean, or the serial port can't be opened. The outcome of a
+  // connect comes later, as a status. A session that runs is stopped first.
+  int32_t Run();
+
+  // The same on the serial port "COM<nPort>", 1 to 99, with indexes as a COMM record holds them.
+  int32_t Run(int32_t nPort, int32_t nDataBit, int32_t nBaudRate, int32_t nParityBit,
+              int32_t nStopBit);
+
+  // Ends the session, within milliseconds whatever the script is doing. Bytes that no pass has
+  // seen begin the first batch of the next session.
+  void Stop();
+
+  // Paints a plain blue rectangle.
+  void OnPaint();
+
+  // The verifier with the faults of the last verification, or null.
+  const CKVLSyntax* GetSyntax() const { return m_pSyntax.get(); }
+  // The engine of the session, or null. Of it only Prints() may be used while a worker runs.
+  CKVL* GetEngine() { return m_pKVL.get(); }
+  const COMM& GetCom() const { return m_comm; }
+  const std::string& GetTableName() const { return m_strTableName; }
+  bool IsConnected() const { return m_bConnected; }
+  // What the line brought while the queue was full, and was dropped.
+  uint64_t GetDroppedBytes() const { return m_queue.GetDroppedBytes(); }
+  // The last status text of a connect or close event, with its line ends.
+  const std::string& GetStatusText() const { return m_strStatus; }
+
+  LRESULT WindowProc(uint32_t nMessage, WPARAM wParam, LPARAM lParam) override;
+
+ protected:
+  // Socket events: the socket's handle, and the error code in the high 16 bits. OnCloseSocket
+  // gives 1 if the socket was closed, the others 0; an unknown handle changes nothing and gives 0.
+  LRESULT OnConnect(WPARAM hSocket, LPARAM lParam);
+  LRESULT OnReceiveSocket(WPARAM hSocket, LPARAM lParam);
+  LRESULT OnCloseSocket(WPARAM hSocket, LPARAM lParam);
+
+  // Opens the line of the running session again, with the engine and its variables as they are.
+  // Nothing here does so by itself: when and how often is the host's decision.
+  // A connection that was closed; its outcome comes as a new connect event.
+  void OnRecreateSocket();
+  // A serial port that was lost. 0 opened, -1 not.
+  int32_t OnReopenPort();
+
+ private:
+  class CSocketLine;
+
+  int32_t StartSession();
+  int32_t OpenPort(CWnd* pOwner);
+  std::string Peer() const;
+  void OpenSocket();
+  void CloseSocket();
+  void StartWorker();
+  void StopWorker();
+  void Tell(ESessionStatus status, std::string_view text);
+
+  // The worker's part.
+  void WorkerThread();
+  void DrainPort();
+  void RunPass();
+  void RunEmptyPass();
+  void WaitForBytes();
+  // Waits for bytes or a wake-up; a port that is gone is told of once.
+  void WaitForPort(int32_t timeoutMs);
+
+  std::thread m_thread;
+  CSession m_session;
+  CQueue m_queue;
+  std::string m_strScriptName;
+  COMM m_comm;
+  bool m_bVerified = false;
+  std::unique_ptr<CRS232Ctrl> m_pRS232;
+  std::unique_ptr<CSocketLine> m_pSocketLine;
+  uint32_t m_nInterface = 1;
+  std::string m_strHost;
+  int32_t m_nPort = 0;
+  bool m_bConnected = false;
+  std::string m_strStatus;
+  std::mutex* m_pSyncObject = nullptr;
+  CSessionObserver* m_pObserver = nullptr;
+  std::unique_ptr<CKVL> m_pKVL;
+  std::unique_ptr<CKVLSyntax> m_pSyntax;
+  std::string m_strTableName;
+  RECT m_rcClient;
+
+  // The worker's own.
+  bool m_bLoaded = false;
+  bool m_bPortLost = false;
+  int32_t m_nBusyPasses = 0;  // empty passes to run before it is worth asking for idleness again
+  int32_t m_nBusyPassesNext = 1;
+};
+
+}  // namespace kvl
