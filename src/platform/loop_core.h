@@ -20,6 +20,7 @@
 #include <optional>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace kvl {
 
@@ -56,7 +57,7 @@ class CLoopCore {
   void Detach(CLoopResource* pResource) { m_resources.erase(pResource); }
   bool RunUntil(const std::function<bool()>& done, std::optional<TimePoint> deadline);
   bool PollOne();
-  bool TakeQuit() { return m_bQuit.exchange(false); }
+  bool TakeQuit() { return std::exchange(m_bQuit, false); }
   void End();
 
   // Any thread.
@@ -84,7 +85,7 @@ class CLoopCore {
   std::optional<asio::io_context> m_io;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> m_work;
   std::set<CLoopResource*> m_resources;
-  std::atomic<bool> m_bQuit{false};
+  bool m_bQuit = false;  // own thread only
   std::atomic<int32_t> m_nPosted{0};
 };
 

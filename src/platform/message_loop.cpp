@@ -137,8 +137,8 @@ bool CLoopCore::Post(Task task) {
 }
 
 void CLoopCore::Quit() {
-  m_bQuit = true;
-  PostUncounted([] {});
+  // In its turn, so that what came before it is served before the loop ends.
+  PostUncounted([this] { m_bQuit = true; });
 }
 
 void CLoopCore::Serve(CCall& call) {
@@ -231,7 +231,7 @@ bool CMessageLoop::Post(Task task) {
   return m_pCore && m_pCore->Post(std::move(task));
 }
 
-struct CTimer::Impl : CLoopResource, std::enable_shared_from_this<CTimer::Impl> {
+struct CTimer::Impl final : CLoopResource, std::enable_shared_from_this<CTimer::Impl> {
   std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
   std::optional<asio::steady_timer> timer;
   uint64_t nRound = 0;  // tells a task that was stopped when it was due already
@@ -271,7 +271,8 @@ void CTimer::Stop() {
   if (m_pImpl->timer) m_pImpl->timer->cancel();
 }
 
-struct CInterruptWatch::Impl : CLoopResource, std::enable_shared_from_this<CInterruptWatch::Impl> {
+struct CInterruptWatch::Impl final : CLoopResource,
+                                     std::enable_shared_from_this<CInterruptWatch::Impl> {
   std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
   std::optional<asio::signal_set> signals;
   CMessageLoop::Task task;

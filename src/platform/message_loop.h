@@ -29,7 +29,7 @@ class KVL_API CMessageLoop {
   // has nothing left to make a loop of, the handle stands for no loop, and every operation fails.
   static CMessageLoop Current();
 
-  // Serves until Quit. Each Quit ends one Run; one that comes earlier ends the next Run at once.
+  // Serves until a Quit has its turn, behind what came before it. Each Quit ends one Run.
   void Run();
 
   // Serves until `done` holds or `timeoutMs` milliseconds have gone by (-1: no limit); gives

@@ -18,7 +18,7 @@ namespace kvl {
 
 // Lives as long as its socket object or a handler that Asio still holds. All on the loop's
 // thread, but for what stands under "shared".
-struct CAsyncSocket::Impl : CLoopResource, std::enable_shared_from_this<CAsyncSocket::Impl> {
+struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CAsyncSocket::Impl> {
   using Tcp = asio::ip::tcp;
   enum class State { kIdle, kConnecting, kConnected, kListening };
 

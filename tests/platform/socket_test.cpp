@@ -1,0 +1,226 @@
+#include "platform/socket.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "platform/clock.h"
+#include "support/loop_fixtures.h"
+
+namespace kvl {
+namespace {
+
+// A client and the server's end of its connection.
+class CAsyncSocketTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    listener.pAccepted = &server;
+    port = listener.ListenLocal();
+    ASSERT_NE(port, 0U);
+  }
+
+  void ConnectPair() {
+    ASSERT_TRUE(client.Create());
+    ASSERT_TRUE(client.Connect("127.0.0.1", port));
+    EXPECT_TRUE(client.connects.empty()) << "never inside the call";
+    ASSERT_TRUE(RunLoopUntil(
+        [&] { return client.connects.size() == 1 && server.GetHandle() != kInvalidSocket; }));
+    ASSERT_EQ(client.connects[0], 0);
+  }
+
+  uint32_t port = 0;
+  CTestSock listener, server, client;
+};
+
+TEST_F(CAsyncSocketTest, BytesGoBothWaysThenTheCloseIsToldOnce) {
+  ConnectPair();
+  EXPECT_EQ(client.Send("ping", 4), 4);
+  EXPECT_TRUE(RunLoopUntil([&] { return server.received == "ping"; }));
+  EXPECT_EQ(server.Send("pong", 4), 4);
+  server.Close();
+  EXPECT_TRUE(RunLoopUntil([&] { return !client.closes.empty(); }));
+  EXPECT_EQ(client.received, "pong") << "bytes come ahead of the close";
+  char byte;
+  EXPECT_EQ(client.Receive(&byte, 1), 0);
+  CMessageLoop::Current().RunUntil([] { return false; }, 20);
+  EXPECT_EQ(client.closes, std::vector<int32_t>{0});
+}
+
+TEST_F(CAsyncSocketTest, ReceiveTurnsTheNotificationOnAgain) {
+  ConnectPair();
+  client.onReceive = [] {};
+  server.Send("abcdef", 6);
+  EXPECT_TRUE(RunLoopUntil([&] { return client.nReceiveEvents == 1; }));
+  CMessageLoop::Current().RunUntil([] { return false; }, 20);
+  EXPECT_EQ(client.nReceiveEvents, 1) << "nothing new while nobody reads";
+  char bytes[3];
+  EXPECT_EQ(client.Receive(bytes, 2), 2);
+  EXPECT_TRUE(RunLoopUntil([&] { return client.nReceiveEvents == 2; })) << "bytes remain";
+  EXPECT_EQ(client.Receive(bytes, 3), 3);
+  EXPECT_EQ(client.Receive(bytes, 3), 1);
+  EXPECT_EQ(client.Receive(bytes, 3), -1);
+  EXPECT_EQ(CAsyncSocket::GetLastError(), kSockErrWouldBlock);
+}
+
+TEST_F(CAsyncSocketTest, FloodLeavesRoomForOtherEvents) {
+  ConnectPair();
+  std::atomic<bool> bEnd{false};
+  std::thread flood([&] {
+    const std::string block(65536, 'x');
+    while (!bEnd) {
+      if (server.Send(block.data(), 65536) < 0) server.WaitWritable(10);
+    }
+  });
+  // A reader that never ends by itself still hands the loop back.
+  client.onReceive = [&] {
+    char buffer[2048];
+    int32_t handedOut = 0;
+    for (int32_t n = 1; n > 0;) {
+      n = client.Receive(buffer, sizeof buffer);
+      handedOut += n > 0 ? n : 0;
+    }
+    EXPECT_LE(handedOut, CAsyncSocket::kMaxBytesPerReceive + 2048);
+  };
+  EXPECT_TRUE(RunLoopUntil([&] { return client.nReceiveEvents > 20; }));
+  bEnd = true;
+  flood.join();
+}
+
+TEST_F(CAsyncSocketTest, ConnectAlwaysHasAnOutcome) {
+  ConnectPair();
+  listener.Close();
+  const struct {
+    const char* host;
+    uint32_t port;
+    int32_t code;
+  } kCases[] = {{"127.0.0.1", port, kSockErrRefused},
+                {"", port, kSockErrAddressRequired},
+                {"127.0.0.1", 0, kSockErrAddressNotAvailable},
+                {"127.0.0.1", 65536, kSockErrAddressNotAvailable},
+                {"255.255.255.255", port, 0}};
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(testing::Message() << row.host << ":" << row.port);
+    CTestSock sock;
+    ASSERT_TRUE(sock.Create());
+    ASSERT_TRUE(sock.Connect(row.host, row.port));
+    ASSERT_TRUE(RunLoopUntil([&] { return !sock.connects.empty(); }));
+    if (row.code == 0) {
+      EXPECT_NE(sock.connects[0], 0) << "no code of ours, but a failure";
+    } else {
+      EXPECT_EQ(sock.connects[0], row.code);
+    }
+    EXPECT_NE(sock.GetHandle(), kInvalidSocket) << "a failed connect leaves the handle";
+  }
+}
+
+TEST_F(CAsyncSocketTest, NamesAreLookedUpAside) {
+  ASSERT_TRUE(client.Create());
+  ASSERT_TRUE(client.Connect("localhost", port));
+  ASSERT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
+  EXPECT_EQ(client.connects[0], 0);
+}
+
+TEST_F(CAsyncSocketTest, ResetCarriesItsCodeToTheClose) {
+  ConnectPair();
+  server.onReceive = [] {};
+  client.Send("unread", 6);
+  EXPECT_TRUE(RunLoopUntil([&] { return server.nReceiveEvents == 1; }));
+  server.Close();  // with bytes unread the system resets the connection
+  EXPECT_TRUE(RunLoopUntil([&] { return !client.closes.empty(); }));
+  EXPECT_EQ(client.closes, std::vector<int32_t>{kSockErrReset});
+}
+
+TEST_F(CAsyncSocketTest, NotificationMayDestroyItsSocket) {
+  ConnectPair();
+  auto pOwn = std::make_unique<CTestSock>();
+  server.Close();
+  listener.pAccepted = &server;
+  pOwn->onClose = [&] { pOwn.reset(); };
+  ASSERT_TRUE(pOwn->Create());
+  const SOCKET handle = pOwn->GetHandle();
+  EXPECT_EQ(CAsyncSocket::LookupHandle(handle), pOwn.get());
+  std::thread([&] { EXPECT_EQ(CAsyncSocket::LookupHandle(handle), nullptr); }).join();
+  ASSERT_TRUE(pOwn->Connect("127.0.0.1", port));
+  ASSERT_TRUE(RunLoopUntil(
+      [&] { return pOwn->connects.size() == 1 && server.GetHandle() != kInvalidSocket; }));
+  server.Close();
+  EXPECT_TRUE(RunLoopUntil([&] { return pOwn == nullptr; }));
+  EXPECT_EQ(CAsyncSocket::LookupHandle(handle), nullptr);
+}
+
+TEST_F(CAsyncSocketTest, ConnectionThatIsNotTakenIsToldAnew) {
+  listener.pAccepted = nullptr;
+  ASSERT_TRUE(client.Create());
+  ASSERT_TRUE(client.Connect("127.0.0.1", port));
+  EXPECT_TRUE(RunLoopUntil([&] { return listener.nAcceptEvents == 2; }));
+  listener.pAccepted = &server;
+  EXPECT_TRUE(RunLoopUntil([&] { return server.GetHandle() != kInvalidSocket; }));
+  EXPECT_EQ(listener.Accept(client), 0) << "nothing waits any more";
+}
+
+TEST_F(CAsyncSocketTest, WriterOnAFullLineIsFreedByRoomInterruptAndClose) {
+  ConnectPair();
+  client.onReceive = [] {};
+  const std::string block(1 << 20, 'x');
+  while (server.Send(block.data(), 1 << 20) > 0) {
+  }
+  EXPECT_EQ(CAsyncSocket::GetLastError(), kSockErrWouldBlock);
+  const int nSendEvents = server.nSendEvents;
+  std::thread([&] {
+    EXPECT_FALSE(server.WaitWritable(1));
+    EXPECT_EQ(CAsyncSocket::GetLastError(), kSockErrTimedOut);
+  }).join();
+
+  std::atomic<bool> bRoom{false};
+  std::thread byRoom([&] { bRoom = server.WaitWritable(kTestPatienceMs); });
+  client.onReceive = nullptr;
+  client.OnReceive(0);
+  EXPECT_TRUE(RunLoopUntil([&] { return bRoom && server.nSendEvents > nSendEvents; }));
+  byRoom.join();
+
+  client.onReceive = [] {};
+  while (server.Send(block.data(), 1 << 20) > 0) {
+  }
+  std::thread byInterrupt([&] { EXPECT_FALSE(server.WaitWritable(-1)); });
+  server.Interrupt();
+  byInterrupt.join();
+  EXPECT_FALSE(server.WaitWritable(-1)) << "until the socket is made anew";
+}
+
+TEST_F(CAsyncSocketTest, CloseMayMeetASendOnAnotherThread) {
+  for (int round = 0; round < 50; ++round) {
+    server.Close();
+    client.Close();
+    client.connects.clear();
+    ConnectPair();
+    std::atomic<int> nSent{0};
+    std::thread sender([&] {
+      const std::string block(65536, 'x');
+      while (client.GetHandle() != kInvalidSocket) {
+        if (client.Send(block.data(), 65536) < 0) client.WaitWritable(1000);
+        ++nSent;
+      }
+    });
+    EXPECT_TRUE(RunLoopUntil([&] { return nSent > round % 5; }));
+    client.Close();
+    sender.join();
+    EXPECT_EQ(client.Send("x", 1), -1);
+    EXPECT_EQ(CAsyncSocket::GetLastError(), kSockErrNotConnected);
+  }
+}
+
+TEST_F(CAsyncSocketTest, SocketsEndWithTheirThread) {
+  auto pSocket = std::make_unique<CTestSock>();
+  std::thread([&] {
+    ASSERT_TRUE(pSocket->Create());
+    ASSERT_TRUE(pSocket->Connect("127.0.0.1", port));
+    ASSERT_TRUE(RunLoopUntil([&] { return !pSocket->connects.empty(); }));
+  }).join();
+  EXPECT_EQ(pSocket->GetHandle(), kInvalidSocket);
+  EXPECT_TRUE(RunLoopUntil([&] { return !server.closes.empty(); }));
+}
+
+}  // namespace
+}  // namespace kvl
