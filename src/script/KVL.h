@@ -116,13 +116,13 @@ class KVL_API CKVL : private CLineOutput {
 
 // Instruction handlers: each runs one record by itself, whatever its number says.
 // NOLINTBEGIN(bugprone-reserved-identifier): these names are the language's own.
-#define KVL_HANDLERS(X)                                                                            \
-  X(_In, kIN)                                                                                      \
-  X(_Out, kOUT) X(_FindX, kFIND) X(_Cmp, kCMP) X(_MoveX, kMOVE) X(_Delay, kDELAY)                  \
-      X(_Sleep, kSLEEP) X(_Print, kPRINT) X(_PrintEx, kPRINTEX) X(_Cat, kCAT) X(_ClearX, kCLEAR)   \
-          X(_CopyX, kCOPY) X(_Inc, kINC) X(_Dec, kDEC) X(_Add, kADD) X(_Sub, kSUB) X(_Sync, kSYNC) \
-              X(_Put, kPUT) X(_Get, kGET) X(_And, kAND) X(_Or, kOR) X(_Xor, kXOR) X(_Not, kNOT)    \
-                  X(_Conv, kCONV)
+#define KVL_HANDLERS(X)                                                                         \
+  X(_In, kIN)                                                                                   \
+  X(_Out, kOUT)                                                                                 \
+  X(_FindX, kFIND) X(_Cmp, kCMP) X(_MoveX, kMOVE) X(_Delay, kDELAY) X(_Sleep, kSLEEP)           \
+      X(_Print, kPRINT) X(_PrintEx, kPRINTEX) X(_Cat, kCAT) X(_ClearX, kCLEAR) X(_CopyX, kCOPY) \
+          X(_Inc, kINC) X(_Dec, kDEC) X(_Add, kADD) X(_Sub, kSUB) X(_Sync, kSYNC) X(_Put, kPUT) \
+              X(_Get, kGET) X(_And, kAND) X(_Or, kOR) X(_Xor, kXOR) X(_Not, kNOT) X(_Conv, kCONV)
 #define KVL_DECLARE(handler, number)            \
   void handler(const CCommandTable* pCommand) { \
     Execute(number, *pCommand);                 \

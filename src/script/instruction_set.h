@@ -65,8 +65,7 @@ struct CInstruction {
 };
 
 inline constexpr CInstruction kInstructions[] = {
-#define KVL_ROW(number, keyword, family, least, most, forms) \
-  {number, #keyword, least, most, forms},
+#define KVL_ROW(number, keyword, family, least, most, forms) {number, #keyword, least, most, forms},
     KVL_INSTRUCTIONS(KVL_ROW)
 #undef KVL_ROW
 };

@@ -15,7 +15,8 @@ namespace kvl {
 
 constexpr size_t kMaxChunk = 255;  // bytes of a chunk, newline included
 
-// The file's bytes. False if it can't be read: it does not exist, is a directory, or exceeds 64 MiB.
+// The file's bytes. False if it can't be read: it does not exist, is a directory, or exceeds 64
+// MiB.
 bool ReadScript(const char* path, std::string& text);
 
 // A script's chunks: its lines with their newlines, longer lines in pieces of 255 bytes.
