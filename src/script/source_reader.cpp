@@ -19,10 +19,6 @@ bool IsLineEnd(char c) {
   return c == '\r' || c == '\n';
 }
 
-bool StartsComment(std::string_view text, size_t i) {
-  return text[i] == ';' || (text[i] == '/' && i + 1 < text.size() && text[i + 1] == '/');
-}
-
 // A declaration line with its blanks collapsed. The appended space is what ends its last token.
 std::string NormaliseDeclaration(std::string_view line) {
   std::string output;
@@ -66,6 +62,10 @@ void SplitOperands(std::string_view text, std::vector<std::string>& tokens) {
 }
 
 }  // namespace
+
+bool StartsComment(std::string_view text, size_t i) {
+  return text[i] == ';' || (text[i] == '/' && i + 1 < text.size() && text[i + 1] == '/');
+}
 
 bool ReadScript(const char* path, std::string& text) {
   std::ifstream file(path, std::ios::binary);

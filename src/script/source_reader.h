@@ -37,6 +37,9 @@ class CSectionReader {
   bool m_bMain = false;
 };
 
+// Whether a comment starts at byte `i`, if that byte stands outside quotes.
+bool StartsComment(std::string_view text, size_t i);
+
 // The tokens of a declaration line. What no blank ends (the last word of a file without a final
 // newline, an open quote) is no token.
 void SplitDeclaration(std::string_view trimmed, std::vector<std::string>& tokens);
