@@ -32,6 +32,10 @@ struct CContext {
   std::function<int()> m_work;   // set by the subcommand that the user chose
 };
 
+// Everything of the command line: the options of `kvl` itself and all subcommands.
+void SetUpApp(CLI::App& app, CContext& context);
+
+void AddFmtCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
 
 }  // namespace kvl::cli
