@@ -14,7 +14,9 @@ void SetUpApp(CLI::App& app, CContext& context) {
   app.require_subcommand(1);
   app.fallthrough();
   AddFmtCommand(app, context);
+  AddPortsCommand(app, context);
   AddReplayCommand(app, context);
+  AddRunCommand(app, context);
 }
 
 }  // namespace kvl::cli

@@ -38,5 +38,6 @@ void SetUpApp(CLI::App& app, CContext& context);
 
 void AddFmtCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
+void AddRunCommand(CLI::App& app, CContext& context);
 
 }  // namespace kvl::cli

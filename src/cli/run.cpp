@@ -89,7 +89,10 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
 
  private:
   // Prints the verifier's list.
-  int ReportFaults(const CKVLSyntax& syntax) const;
+  int ReportFaults(const CKVLSyntax& syntax) const {
+    for (const CFault& fault : syntax.Errors()) fmt::print(stderr, "{}\n", fault.m_strText);
+    return kFailed;
+  }
 
   std::string DeviceText() const {
     const std::string name = GetCom().szPort;
