@@ -9,9 +9,12 @@
 
 namespace kvl {
 
+constexpr uint32_t kErrorNone = 0;
+constexpr uint32_t kErrorInvalidFunction = 1;  // the device is no serial port
 constexpr uint32_t kErrorNotFound = 2;         // no such object, no record of that name
 constexpr uint32_t kErrorTooManyOpen = 4;      // the process has too many objects open
 constexpr uint32_t kErrorAccessDenied = 5;     // the object is somebody else's
+constexpr uint32_t kErrorInvalidHandle = 6;    // the port is not open
 constexpr uint32_t kErrorNoMemory = 8;         // no memory; also: more bytes than a value holds
 constexpr uint32_t kErrorInvalidData = 13;     // a value area that can't hold a tag
 constexpr uint32_t kErrorBadLength = 24;       // nothing to write
@@ -22,8 +25,10 @@ constexpr uint32_t kErrorSmallBuffer = 122;    // the destination is shorter tha
 constexpr uint32_t kErrorInvalidName = 123;    // an empty name
 constexpr uint32_t kErrorAlreadyExists = 183;  // no failure: the object was there already
 constexpr uint32_t kErrorNameTooLong = 206;    // a name that the platform can't hold
+constexpr uint32_t kErrorIoPending = 997;      // no failure: the wait runs
 constexpr uint32_t kErrorNoUnicode = 1113;     // a name that is no text in code page 949
 constexpr uint32_t kErrorDeadlock = 1131;      // the thread holds the semaphore already
+constexpr uint32_t kErrorDeviceLost = 1167;    // unplugged, or hung up
 constexpr uint32_t kErrorDamaged = 1392;       // a table whose records run past its section
 constexpr uint32_t kErrorNotOpen = 4312;       // the store is not open
 
