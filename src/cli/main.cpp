@@ -5,7 +5,6 @@
 
 #include "cli/commands.h"
 #include "cli/output.h"
-#include "version.h"
 
 namespace {
 
@@ -13,15 +12,8 @@ using namespace kvl::cli;
 
 int Run(int argc, char** argv) {
   CContext context;
-  CLI::App app("kvl turns the bytes of serial and TCP device lines into named live values.", "kvl");
-  app.set_version_flag("--version", "kvl " KVL_VERSION);
-  app.add_option("--color", context.m_color, "When to use colour")
-      ->check(CLI::IsMember({"auto", "always", "never"}))
-      ->capture_default_str();
-  app.require_subcommand(1);
-  app.fallthrough();
-  AddPortsCommand(app, context);
-  AddReplayCommand(app, context);
+  CLI::App app;
+  SetUpApp(app, context);
   try {
     app.parse(argc, argv);
     const int exit = context.m_work();

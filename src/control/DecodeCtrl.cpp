@@ -68,7 +68,7 @@ int32_t CDecodeCtrl::Create(CWnd* pParent, const RECT& rect, uint32_t nID) {
 
 void CDecodeCtrl::OnPaint() {
   CPaintDC dc(this);
-  dc.FillSolidRect(&m_rcClient, 0xC86464);
+  dc.FillSolidRect(m_rcClient, 0xC86464);
   dc.SetTextColor(0xFFFFFF);
 }
 
@@ -97,7 +97,7 @@ void CDecodeCtrl::Tell(ESessionStatus status, std::string_view text) {
 
 int32_t CDecodeCtrl::VerifyScript() {
   m_bVerified = false;
-  m_pSyntax = std::make_unique<CKVLSyntax>(this);
+  m_pSyntax = std::make_unique<CKVLSyntax>(&m_session);
   m_pSyntax->_CompileMainScript1(m_pSyntax->LoadScript(m_strScriptName.c_str()));
   m_pSyntax->_VerifyMainScript();
   if (m_pSyntax->GetErrorCount() > 0) return -1;

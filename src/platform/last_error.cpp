@@ -13,4 +13,18 @@ uint32_t ThreadError() {
   return t_dwLastError;
 }
 
+const char* ErrorText(uint32_t dwCode) {
+  switch (dwCode) {
+    case 0:
+      return "no error";
+#define KVL_ERROR(name, code, text) \
+  case name:                        \
+    return text;
+      KVL_ERRORS(KVL_ERROR)
+#undef KVL_ERROR
+    default:
+      return "unknown error";
+  }
+}
+
 }  // namespace kvl

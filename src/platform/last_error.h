@@ -9,30 +9,42 @@
 
 namespace kvl {
 
+// clang-format off
+//  name                  code  text for people
+#define KVL_ERRORS(X)                                                             \
+  X(kErrorNotSerial,      1,    "the device is no serial port")                   \
+  X(kErrorNotFound,       2,    "there is no such table, tag or port")            \
+  X(kErrorTooManyOpen,    4,    "the process has too many objects open")          \
+  X(kErrorAccessDenied,   5,    "access denied")                                  \
+  X(kErrorInvalidHandle,  6,    "the port is not open")                           \
+  X(kErrorNoMemory,       8,    "no memory, or more bytes than the value holds")  \
+  X(kErrorInvalidData,    13,   "the record holds no tag")                        \
+  X(kErrorBadLength,      24,   "nothing to write")                               \
+  X(kErrorGeneral,        31,   "the system failed")                              \
+  X(kErrorBadParameter,   87,   "a parameter is wrong")                           \
+  X(kErrorDiskFull,       112,  "there is not enough room")                       \
+  X(kErrorSmallBuffer,    122,  "the destination is shorter than the value")      \
+  X(kErrorInvalidName,    123,  "the name is empty")                              \
+  X(kErrorAlreadyExists,  183,  "it exists already")                              \
+  X(kErrorNameTooLong,    206,  "the name is too long")                           \
+  X(kErrorTimeout,        258,  "the time is over")                               \
+  X(kErrorIoPending,      997,  "the operation is under way")                     \
+  X(kErrorNoUnicode,      1113, "the name can't be written in code page 949")     \
+  X(kErrorDeadlock,       1131, "the thread holds the lock already")              \
+  X(kErrorDeviceLost,     1167, "the device is unplugged or has hung up")         \
+  X(kErrorDamaged,        1392, "the table is damaged")                           \
+  X(kErrorNotOpen,        4312, "the table is not open")
+// clang-format on
+
 constexpr uint32_t kErrorNone = 0;
-constexpr uint32_t kErrorInvalidFunction = 1;  // the device is no serial port
-constexpr uint32_t kErrorNotFound = 2;         // no such object, no record of that name
-constexpr uint32_t kErrorTooManyOpen = 4;      // the process has too many objects open
-constexpr uint32_t kErrorAccessDenied = 5;     // the object is somebody else's
-constexpr uint32_t kErrorInvalidHandle = 6;    // the port is not open
-constexpr uint32_t kErrorNoMemory = 8;         // no memory; also: more bytes than a value holds
-constexpr uint32_t kErrorInvalidData = 13;     // a value area that can't hold a tag
-constexpr uint32_t kErrorBadLength = 24;       // nothing to write
-constexpr uint32_t kErrorGeneral = 31;         // the system failed in a way that has no other code
-constexpr uint32_t kErrorBadParameter = 87;    // an argument beyond its limits
-constexpr uint32_t kErrorDiskFull = 112;       // no room for a new object
-constexpr uint32_t kErrorSmallBuffer = 122;    // the destination is shorter than the value
-constexpr uint32_t kErrorInvalidName = 123;    // an empty name
-constexpr uint32_t kErrorAlreadyExists = 183;  // no failure: the object was there already
-constexpr uint32_t kErrorNameTooLong = 206;    // a name that the platform can't hold
-constexpr uint32_t kErrorIoPending = 997;      // no failure: the wait runs
-constexpr uint32_t kErrorNoUnicode = 1113;     // a name that is no text in code page 949
-constexpr uint32_t kErrorDeadlock = 1131;      // the thread holds the semaphore already
-constexpr uint32_t kErrorDeviceLost = 1167;    // unplugged, or hung up
-constexpr uint32_t kErrorDamaged = 1392;       // a table whose records run past its section
-constexpr uint32_t kErrorNotOpen = 4312;       // the store is not open
+#define KVL_ERROR(name, code, text) constexpr uint32_t name = code;
+KVL_ERRORS(KVL_ERROR)
+#undef KVL_ERROR
 
 KVL_API void SetThreadError(uint32_t dwCode);
 KVL_API uint32_t ThreadError();
+
+// What a code means, in English; never null.
+KVL_API const char* ErrorText(uint32_t dwCode);
 
 }  // namespace kvl

@@ -142,7 +142,10 @@ void CKVL::Bind() {
     BindTag(m_steps[i]);
     if (command.m_nCommand < kJP || command.m_nCommand > kJPGE) continue;
     const CLabelTable* label = m_listLabel.Find(command.m_szOperand[0]);
-    if (label == nullptr) continue;
+    if (label == nullptr) {  // ends the pass, or goes on with the next instruction
+      m_steps[i].m_pJump = command.m_nCommand == kJP ? nullptr : &m_steps[i + 1];
+      continue;
+    }
     const size_t target = std::min(static_cast<size_t>(label->m_nIndex), m_listCommand.size());
     m_steps[i].m_pJump = &m_steps[target];
   }

@@ -1,8 +1,10 @@
-// Handlers for rows of steps that stand in nearly every decoder: the test and the jump behind it,
-// the end of a loop, a byte taken and tested, a checksum's inner step. One dispatch then does the
-// work of several. The steps inside a row keep their own handlers, so that a jump may enter it.
-#include <array>
+// Handlers for rows of steps that stand in nearly every decoder, so that one dispatch does the
+// work of several: the test with the jump behind it, the end of a loop, a byte taken and tested,
+// and whole loops that look at one byte after the other. The steps inside a row keep their own
+// handlers, so that a jump may enter it.
+#include <initializer_list>
 
+#include "script/byte_string.h"
 #include "script/number_handlers.h"
 
 namespace kvl {
@@ -42,27 +44,7 @@ constexpr FHandler kCount = Arithmetic<CAddOp, kInteger, Literal>;
 constexpr FHandler kTakeByte = Arithmetic<CMoveOp, kByte, ByteElement>;
 constexpr FHandler kTakeInteger = Arithmetic<CMoveOp, kInteger, ByteElement>;
 
-// Arithmetic on a byte just taken into a scalar of type TTaken.
-template <FHandler TTake, ESource TTaken, EElementType TSum>
-constexpr std::array<CFusion, 5> Checksum() {
-  constexpr FHandler kAdd = Arithmetic<CAddOp, TSum, TTaken>;
-  constexpr FHandler kXor = Arithmetic<CXorOp, TSum, TTaken>;
-  return {Pair<kAdd, kXor>(), Pair<kXor, kAdd>(), Pair<TTake, Row<kAdd, kXor>>(),
-          Pair<TTake, Row<kXor, kAdd>>(), Pair<TTake, kXor>()};
-}
-
-template <size_t... TSizes>
-constexpr auto Join(const std::array<CFusion, TSizes>&... parts) {
-  std::array<CFusion, (TSizes + ...)> joined{};
-  size_t at = 0;
-  const auto append = [&](const auto& part) {
-    for (const CFusion& fusion : part) joined[at++] = fusion;
-  };
-  (append(parts), ...);
-  return joined;
-}
-
-constexpr std::array<CFusion, 12> kTests = {
+constexpr CFusion kFusions[] = {
     Test<Byte, Literal>(),
     Test<Byte, Byte>(),
     Test<Byte, Integer>(),
@@ -77,21 +59,153 @@ constexpr std::array<CFusion, 12> kTests = {
     Pair<kTakeByte, CompareAndJump<Byte, Byte>>(),
 };
 
-constexpr auto kFusions =
-    Join(kTests, Checksum<kTakeByte, Byte, kByte>(), Checksum<kTakeByte, Byte, kInteger>(),
-         Checksum<kTakeInteger, Integer, kByte>(), Checksum<kTakeInteger, Integer, kInteger>());
+// A loop over the bytes of a buffer:
+//
+//   NEXT: MOVE C, BUF[I]
+//         XOR SUM, C        one or two sums, or none
+//         CMP C, 44         the byte that leaves the loop, or none
+//         JPE FOUND
+//         INC I
+//         CMP I, LEN
+//         JPL NEXT
+//
+// While it turns, its variables live in registers; no two of them are the same.
+template <bool TTested, class... TSums>
+struct CScan {
+  static constexpr int kSums = sizeof...(TSums);
+  static constexpr int kTest = 1 + kSums;
+  static constexpr int kAdvance = kTest + (TTested ? 2 : 0);
+  static constexpr int kEnd = kAdvance + 1;
+  static constexpr int kSteps = kEnd + 2;
+
+  static const CStep* Run(const CStep& take, CRunState& state) {
+    const CStep* const steps = &take;
+    const CBoundOperand& element = take.m_operand[1];
+    const auto size = static_cast<uint32_t>(element.m_nSize);
+    const auto offset = static_cast<uint32_t>(element.m_nOffset);
+    const int32_t wanted = steps[kTest].m_operand[1].m_nNumber;
+    const auto advance = static_cast<uint32_t>(steps[kAdvance].m_operand[1].m_nNumber);
+    const CBoundOperand& bound = steps[kEnd].m_operand[1];
+    const int32_t limit =
+        bound.m_kind == EOperand::Literal ? bound.m_nNumber : Load<int32_t>(bound.m_pData);
+    auto index = Load<int32_t>(element.m_pIndex);
+    uint32_t sums[kSums + 1] = {};
+    for (int i = 0; i < kSums; ++i) sums[i] = LoadSum(steps[1 + i].m_operand[0]);
+    int32_t taken = 0;
+    const CStep* next = &take;
+    do {
+      const uint32_t at = static_cast<uint32_t>(index) + offset;
+      taken = at < size ? Load<int8_t>(element.m_pData + at) : 0;
+      uint32_t* sum = sums;
+      ((*sum = TSums::Apply(*sum, static_cast<uint32_t>(taken)), ++sum), ...);
+      if constexpr (TTested) {
+        if (taken == wanted) {
+          state.m_wCompare = kFlagsEqual;
+          next = steps[kTest + 1].m_pJump;
+          break;
+        }
+      }
+      index = static_cast<int32_t>(static_cast<uint32_t>(index) + advance);
+      if (index >= limit) {
+        state.m_wCompare = index == limit ? kFlagsEqual : kFlagsGreater;
+        next = steps + kSteps;
+        break;
+      }
+      state.m_wCompare = kFlagsLess;
+    } while (state.m_pOwner->m_bRun.load(std::memory_order_relaxed) != 0);
+    StoreInteger(take.m_operand[0], taken);
+    StoreInteger(steps[kAdvance].m_operand[0], index);
+    for (int i = 0; i < kSums; ++i) {
+      StoreInteger(steps[1 + i].m_operand[0], static_cast<int32_t>(sums[i]));
+    }
+    return next;
+  }
+
+  static uint32_t LoadSum(const CBoundOperand& sum) {
+    return sum.m_type == kByte ? Load<uint8_t>(sum.m_pData) : Load<uint32_t>(sum.m_pData);
+  }
+
+  // Whether this loop begins with the first of these `count` steps.
+  static bool Matches(const CStep* steps, size_t count) {
+    if (count < static_cast<size_t>(kSteps)) return false;
+    if (steps[0].m_plain != kTakeByte && steps[0].m_plain != kTakeInteger) return false;
+    const uint8_t* const taken = steps[0].m_operand[0].m_pData;
+    const uint8_t* const index = steps[0].m_operand[1].m_pIndex;
+    const CStep* sum = steps + 1;
+    if (taken == index || !(IsSum<TSums>(*sum++, taken, index) && ...)) return false;
+    if (kSums == 2 && steps[1].m_operand[0].m_pData == steps[2].m_operand[0].m_pData) return false;
+    return (!TTested || IsTest(steps + kTest, taken)) && Advances(steps[kAdvance], index) &&
+           Ends(steps, index);
+  }
+
+ private:
+  // C is of either integer type; so is a sum.
+  template <class TOp>
+  static bool IsSum(const CStep& step, const uint8_t* taken, const uint8_t* index) {
+    const uint8_t* const to = step.m_operand[0].m_pData;
+    if (step.m_operand[1].m_pData != taken || to == taken || to == index) return false;
+    for (const FHandler handler :
+         {Arithmetic<TOp, kByte, Byte>, Arithmetic<TOp, kByte, Integer>,
+          Arithmetic<TOp, kInteger, Byte>, Arithmetic<TOp, kInteger, Integer>}) {
+      if (step.m_plain == handler) return true;
+    }
+    return false;
+  }
+  static bool IsTest(const CStep* test, const uint8_t* taken) {
+    return (test->m_plain == Compare<Byte, Literal> ||
+            test->m_plain == Compare<Integer, Literal>)&&test->m_operand[0]
+                   .m_pData == taken &&
+           test[1].m_nCommand == kJPE;
+  }
+  static bool Advances(const CStep& step, const uint8_t* index) {
+    return step.m_plain == kCount && step.m_operand[0].m_pData == index;
+  }
+  static bool Ends(const CStep* steps, const uint8_t* index) {
+    const CStep& end = steps[kEnd];
+    if (end.m_operand[0].m_pData != index || (&end)[1].m_nCommand != kJPL ||
+        (&end)[1].m_pJump != steps) {
+      return false;
+    }
+    if (end.m_plain == Compare<Integer, Literal>) return true;
+    if (end.m_plain != Compare<Integer, Integer>) return false;
+    const uint8_t* const limit = end.m_operand[1].m_pData;
+    for (int i = 0; i <= kSums; ++i) {
+      if (steps[i].m_operand[0].m_pData == limit) return false;
+    }
+    return limit != index;
+  }
+};
+
+template <class TScan>
+bool FuseScan(CStep* steps, size_t count) {
+  if (!TScan::Matches(steps, count)) return false;
+  steps->m_run = TScan::Run;
+  return true;
+}
+
+bool FuseLoop(CStep* steps, size_t count) {
+  return FuseScan<CScan<true>>(steps, count) || FuseScan<CScan<false, CAddOp>>(steps, count) ||
+         FuseScan<CScan<false, CXorOp>>(steps, count) ||
+         FuseScan<CScan<false, CAddOp, CXorOp>>(steps, count) ||
+         FuseScan<CScan<false, CXorOp, CAddOp>>(steps, count) ||
+         FuseScan<CScan<true, CAddOp>>(steps, count) || FuseScan<CScan<true, CXorOp>>(steps, count);
+}
+
+void FusePair(CStep* steps, size_t count) {
+  if (count < 2) return;
+  for (const CFusion& fusion : kFusions) {
+    if (steps[0].m_plain == fusion.m_first && steps[1].m_run == fusion.m_second) {
+      steps[0].m_run = fusion.m_row;
+      return;
+    }
+  }
+}
 
 }  // namespace
 
 void FuseSteps(CStep* steps, size_t count) {
   for (size_t i = count; i-- > 0;) {
-    if (i + 1 == count) continue;
-    for (const CFusion& fusion : kFusions) {
-      if (steps[i].m_plain == fusion.m_first && steps[i + 1].m_run == fusion.m_second) {
-        steps[i].m_run = fusion.m_row;
-        break;
-      }
-    }
+    if (!FuseLoop(steps + i, count - i)) FusePair(steps + i, count - i);
   }
 }
 

@@ -22,9 +22,12 @@ inline ESource SourceOf(const CBoundOperand& operand) {
   return byteElement ? ESource::ByteElement : ESource::Any;
 }
 
+// The index of a ByteElement is a scalar's. As unsigned a negative one is beyond any size.
 inline int8_t ReadByteElement(const CBoundOperand& operand) {
-  const int32_t index = IndexOf(operand);
-  return index < 0 || index >= operand.m_nSize ? int8_t{0} : Load<int8_t>(operand.m_pData + index);
+  const uint32_t index =
+      Load<uint32_t>(operand.m_pIndex) + static_cast<uint32_t>(operand.m_nOffset);
+  if (index >= static_cast<uint32_t>(operand.m_nSize)) return 0;
+  return Load<int8_t>(operand.m_pData + index);
 }
 
 // The operand as `TNumber`: double, or int32_t by narrowing.
@@ -128,9 +131,12 @@ const CStep* Compare(const CStep& step, CRunState& state) {
   return &step + 1;
 }
 
+// Read as volatile, so that the compiler branches here instead of selecting one of two addresses:
+// a processor predicts a branch, but would wait for the comparison before it could go on with a
+// selected step.
 inline const CStep* JumpIf(const CStep& step, CRunState& state) {
-  const bool taken = (state.m_wCompare & step.m_nNumber) != 0 && step.m_pJump != nullptr;
-  return taken ? step.m_pJump : &step + 1;
+  if ((state.m_wCompare & step.m_nNumber) == 0) return &step + 1;
+  return const_cast<const CStep* const volatile&>(step.m_pJump);
 }
 
 }  // namespace kvl

@@ -19,10 +19,6 @@ bool IsLineEnd(char c) {
   return c == '\r' || c == '\n';
 }
 
-bool StartsComment(std::string_view text, size_t i) {
-  return text[i] == ';' || (text[i] == '/' && i + 1 < text.size() && text[i + 1] == '/');
-}
-
 // A declaration line with its blanks collapsed. The appended space is what ends its last token.
 std::string NormaliseDeclaration(std::string_view line) {
   std::string output;
@@ -67,16 +63,23 @@ void SplitOperands(std::string_view text, std::vector<std::string>& tokens) {
 
 }  // namespace
 
-bool ReadScript(const char* path, std::string& text) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
+bool StartsComment(std::string_view text, size_t i) {
+  return text[i] == ';' || (text[i] == '/' && i + 1 < text.size() && text[i + 1] == '/');
+}
+
+bool ReadScript(std::istream& stream, std::string& text) {
   text.clear();
   char part[16384];
-  while (file.read(part, sizeof part) || file.gcount() > 0) {
-    text.append(part, static_cast<size_t>(file.gcount()));
+  while (stream.read(part, sizeof part) || stream.gcount() > 0) {
+    text.append(part, static_cast<size_t>(stream.gcount()));
     if (text.size() > kMaxScript) return false;
   }
-  return !file.bad();
+  return !stream.bad();
+}
+
+bool ReadScript(const char* path, std::string& text) {
+  std::ifstream file(path, std::ios::binary);
+  return file && ReadScript(file, text);
 }
 
 void SplitChunks(std::string_view text, std::vector<std::string>& chunks) {

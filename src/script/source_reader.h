@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,7 @@ constexpr size_t kMaxChunk = 255;  // bytes of a chunk, newline included
 // The file's bytes. False if it can't be read: it does not exist, is a directory, or exceeds 64
 // MiB.
 KVL_API bool ReadScript(const char* path, std::string& text);
+KVL_API bool ReadScript(std::istream& stream, std::string& text);
 
 // A script's chunks: its lines with their newlines, longer lines in pieces of 255 bytes.
 void SplitChunks(std::string_view text, std::vector<std::string>& chunks);
@@ -36,6 +38,9 @@ class CSectionReader {
  private:
   bool m_bMain = false;
 };
+
+// Whether a comment starts at byte `i`, if that byte stands outside quotes.
+bool StartsComment(std::string_view text, size_t i);
 
 // The tokens of a declaration line. What no blank ends (the last word of a file without a final
 // newline, an open quote) is no token.

@@ -196,6 +196,9 @@ void CKVLSyntax::RefuseScript(EMessage message, int32_t nLine, std::string_view 
 }
 
 void CKVLSyntax::Append(CFault fault) {
+  if (TextOf(fault.m_message).m_korean.find("%s") == std::string_view::npos) {
+    fault.m_strShown.clear();
+  }
   fault.m_strText = FormatMessage(fault.m_message, fault.m_nLine, fault.m_strShown);
   m_listError.push_back(std::move(fault));
 }

@@ -39,7 +39,7 @@ struct CFault {
   int32_t m_nLine;         // the number in the message: 1-based, -1 without a line, or kNoLine
   int32_t m_nOperand;      // 0-based, the first word not counted; -1 if it is none by itself
   int32_t m_nCommand;      // of the instruction whose use is at fault, else 0
-  std::string m_strShown;  // what stands for %s
+  std::string m_strShown;  // what stands for %s, if the message has one
   std::string m_strText;   // the finished message
 };
 

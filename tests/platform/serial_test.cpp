@@ -125,7 +125,7 @@ TEST_F(CSerialDeviceTest, OpenIsExclusiveAndToldApart) {
   EXPECT_EQ(other.Open(line.GetDeviceName()), kErrorNone);
   EXPECT_EQ(CSerialDevice().Open("no such port"), kErrorNotFound);
   EXPECT_EQ(CSerialDevice().Open(""), kErrorNotFound);
-  EXPECT_EQ(CSerialDevice().Open("null"), kErrorInvalidFunction);
+  EXPECT_EQ(CSerialDevice().Open("null"), kErrorNotSerial);
 }
 
 TEST_F(CSerialDeviceTest, UnpluggedLineIsLost) {

@@ -24,12 +24,10 @@ constexpr struct {
   int system;
   uint32_t code;
 } kCodes[] = {
-    {ENOENT, kErrorNotFound},          {ENODEV, kErrorNotFound},
-    {ENXIO, kErrorNotFound},           {EACCES, kErrorAccessDenied},
-    {EPERM, kErrorAccessDenied},       {EBUSY, kErrorAccessDenied},
-    {EWOULDBLOCK, kErrorAccessDenied}, {EMFILE, kErrorTooManyOpen},
-    {ENFILE, kErrorTooManyOpen},       {ENOMEM, kErrorNoMemory},
-    {EINVAL, kErrorBadParameter},      {ENOTTY, kErrorInvalidFunction},
+    {ENOENT, kErrorNotFound},          {ENODEV, kErrorNotFound},     {ENXIO, kErrorNotFound},
+    {EACCES, kErrorAccessDenied},      {EPERM, kErrorAccessDenied},  {EBUSY, kErrorAccessDenied},
+    {EWOULDBLOCK, kErrorAccessDenied}, {EMFILE, kErrorTooManyOpen},  {ENFILE, kErrorTooManyOpen},
+    {ENOMEM, kErrorNoMemory},          {EINVAL, kErrorBadParameter}, {ENOTTY, kErrorNotSerial},
     {EIO, kErrorDeviceLost},
 };
 

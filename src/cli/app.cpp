@@ -1,0 +1,20 @@
+// The command line of `kvl`: its options and all subcommands.
+#include "cli/commands.h"
+#include "version.h"
+
+namespace kvl::cli {
+
+void SetUpApp(CLI::App& app, CContext& context) {
+  app.name("kvl");
+  app.description("kvl turns the bytes of serial and TCP device lines into named live values.");
+  app.set_version_flag("--version", "kvl " KVL_VERSION);
+  app.add_option("--color", context.m_color, "When to use colour")
+      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->capture_default_str();
+  app.require_subcommand(1);
+  app.fallthrough();
+  AddFmtCommand(app, context);
+  AddReplayCommand(app, context);
+}
+
+}  // namespace kvl::cli

@@ -1,0 +1,159 @@
+// Several processes on one table: no torn value, no lost lock, whatever dies.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <random>
+
+#include "platform/named_semaphore.h"
+#include "store/SharedMemory.h"
+#include "store/child.h"
+
+using namespace kvl;
+
+namespace {
+
+constexpr size_t kTags = 3;
+constexpr size_t kTextSize = 200;
+
+std::string TagName(size_t nTag) {
+  return UniqueName("T" + std::to_string(nTag));
+}
+
+// A text whose bytes all follow from the first, so that two halves of two of them show.
+std::string SelfChecking(uint32_t nSeed) {
+  std::string text;
+  for (uint32_t i = 0; i < kTextSize; ++i) text += static_cast<char>('!' + (nSeed + i * 7) % 90);
+  return text;
+}
+
+bool IsWhole(std::span<const uint8_t> payload) {
+  const std::string text(payload.begin(), payload.end());
+  return text == SelfChecking(static_cast<uint8_t>(text[0]) - '!') ||
+         text == std::string(kTextSize, '\0');
+}
+
+// A table of texts, and what a session has of it. Names are taken before any fork.
+class CSession {
+ public:
+  explicit CSession(const std::string& strTable, const std::vector<std::string>& names)
+      : m_store(strTable, kTableSize),
+        m_lock(strTable + kTableLockSuffix, EOpenMode::kOpenOrCreate, EAudience::kOwner) {
+    for (const std::string& strName : names) m_tags.push_back(m_store.BindTag(strName));
+  }
+  bool Put(size_t nTag, const std::string& text) {
+    const CSemaphoreHold session(m_lock);
+    CValueAccess value(m_store, *m_tags[nTag]);
+    return session && value.Type() == kTagText &&
+           value.WritePayload(text.data(), static_cast<uint32_t>(text.size()));
+  }
+  bool GetIsWhole(size_t nTag) {
+    const CValueAccess value(m_store, *m_tags[nTag]);
+    return value.Payload().size() == kTextSize && IsWhole(value.Payload());
+  }
+  CSharedMemory m_store;
+  CNamedSemaphore m_lock;
+  std::vector<std::shared_ptr<CTag>> m_tags;
+};
+
+class CTableProcesses : public testing::Test {
+ protected:
+  CTableProcesses() : m_table("processes") {
+    CTagSet tags;
+    for (size_t i = 0; i < kTags; ++i) {
+      m_names.push_back(TagName(i));
+      tags.Add(m_names.back(), kTagText, kTextSize);
+    }
+    EXPECT_TRUE(CTableOwner(m_table.Name()).Create(tags, false));
+  }
+  CTestTable m_table;
+  std::vector<std::string> m_names;
+};
+
+// KVL_TORN_SECONDS lengthens it.
+TEST_F(CTableProcesses, NoValueIsTorn) {
+  const char* szSeconds = getenv("KVL_TORN_SECONDS");
+  const int64_t nEnd = NowMicroseconds() + (szSeconds ? atoi(szSeconds) : 1) * 1000000;
+  std::vector<CChild> children;
+  for (uint32_t nChild = 0; nChild < 8; ++nChild) {
+    children.emplace_back([&, nChild] {
+      CSession session(m_table.Name(), m_names);
+      uint32_t nTurn = nChild;
+      for (; NowMicroseconds() < nEnd; ++nTurn) {
+        const size_t nTag = nTurn % kTags;
+        const bool bDone = nChild % 2 == 0 ? session.Put(nTag, SelfChecking(nTurn * 13 % 90))
+                                           : session.GetIsWhole(nTag);
+        if (!bDone) return 1;
+      }
+      return nTurn > nChild + 100 ? 0 : 2;
+    });
+  }
+  for (CChild& child : children) EXPECT_EQ(0, child.Join());
+  CSession after(m_table.Name(), m_names);
+  EXPECT_TRUE(after.Put(0, SelfChecking(5)));
+}
+
+TEST_F(CTableProcesses, AKilledWriterStopsNobody) {
+  std::mt19937 random(7);
+  CSession survivor(m_table.Name(), m_names);
+  int nLate = 0;
+  for (int nRound = 0; nRound < 200; ++nRound) {
+    const CSignalPipe started;
+    CChild writer([&] {
+      CSession session(m_table.Name(), m_names);
+      if (nRound % 3 == 2) started.Send();
+      for (uint32_t i = 0; nRound % 3 == 2; ++i) session.Put(i % kTags, SelfChecking(i % 90));
+      const CSemaphoreHold outer(session.m_lock);
+      if (nRound % 3 == 0) {
+        started.Send();
+        pause();
+      }
+      const CValueAccess inner(session.m_store, *session.m_tags[0]);
+      started.Send();
+      pause();
+      return 0;
+    });
+    started.Await();
+    if (nRound % 3 == 2) usleep(static_cast<useconds_t>(random() % 1000));
+    writer.Kill();
+    const int64_t nStart = NowMicroseconds();
+    for (size_t nTag = 0; nTag < kTags; ++nTag) {
+      ASSERT_TRUE(survivor.Put(nTag, SelfChecking(static_cast<uint32_t>(nRound) % 90)));
+      ASSERT_TRUE(survivor.GetIsWhole(nTag));
+    }
+    nLate += NowMicroseconds() - nStart > 100000;
+  }
+  EXPECT_LE(nLate, 2) << "of 200 deaths; a busy machine may hold the survivor up, a lock may not";
+  std::vector<CTagImage> tags;
+  EXPECT_TRUE(CTableOwner(m_table.Name()).List(tags));
+  EXPECT_EQ(kTags, tags.size());
+}
+
+// Sessions run on while the table is removed and laid anew: they lose the tags, find them again,
+// and never crash.
+TEST_F(CTableProcesses, SessionsSurviveRemovalAndReplacement) {
+  CChild writer([&] {
+    CSession session(m_table.Name(), m_names);
+    bool bLost = false;
+    for (int nFoundAgain = 0; nFoundAgain < 200;) {
+      const bool bDone = session.Put(0, SelfChecking(1));
+      bLost |= !bDone;
+      nFoundAgain += bLost && bDone;
+      if (!bDone) usleep(100);
+    }
+    return 0;
+  });
+  CTagSet tags;
+  ASSERT_EQ(nullptr, tags.Add(m_names[0], kTagText, kTextSize));
+  for (int i = 0; i < 20; ++i) {
+    usleep(1000);
+    ASSERT_EQ(0u, CTableOwner::Remove(m_table.Name()));
+    usleep(1000);
+    CTableOwner owner(m_table.Name());
+    ASSERT_TRUE(owner.Create(tags, false)) << owner.LastError();
+    ASSERT_TRUE(owner.Create(tags, true)) << owner.LastError();
+  }
+  EXPECT_EQ(0, writer.Join());
+}
+
+}  // namespace
