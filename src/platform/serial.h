@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/api.h"
-#include "platform/system_error.h"
+#include "platform/last_error.h"
 #include "platform/wakeup.h"
 
 namespace kvl {
@@ -31,7 +31,7 @@ enum class SerialWait {
 // One serial port, in raw mode.
 // Threads: one thread may read and wait while another writes; Close and Interrupt may come from a
 //          third. Who is inside an operation then ends it as on a closed port.
-// Errors:  an error number, kErrNone for success; on a closed port kErrInvalidHandle.
+// Errors:  an error number, kErrorNone for success; on a closed port kErrorInvalidHandle.
 class KVL_API CSerialDevice {
  public:
   CSerialDevice();

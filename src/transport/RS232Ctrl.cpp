@@ -82,12 +82,12 @@ bool CRS232Ctrl::IsOpen() const {
 }
 
 int32_t CRS232Ctrl::IsValid() const {
-  return IsOpen() && m_dwLastError == kErrNone ? 1 : 0;
+  return IsOpen() && m_dwLastError == kErrorNone ? 1 : 0;
 }
 
 // The result of an operation: 1 for success; a failure's number is kept.
 int32_t CRS232Ctrl::Record(uint32_t nError) {
-  if (nError == kErrNone) return 1;
+  if (nError == kErrorNone) return 1;
   m_dwLastError = nError;
   return 0;
 }
@@ -138,7 +138,7 @@ int32_t CRS232Ctrl::Open(const char* szPort, int32_t nBaudRate, int32_t nDataBit
     return 1;
   } catch (const std::system_error&) {
     Close();
-    return Record(kErrNotEnoughMemory);
+    return Record(kErrorNoMemory);
   }
 }
 
@@ -158,29 +158,29 @@ int32_t CRS232Ctrl::Close() {
 }
 
 int32_t CRS232Ctrl::bsSetBaudRate(int32_t nRate) {
-  m_dwLastError = kErrNone;
-  return Record(m_pPort ? m_pPort->device.SetBaudRate(nRate) : kErrInvalidHandle);
+  m_dwLastError = kErrorNone;
+  return Record(m_pPort ? m_pPort->device.SetBaudRate(nRate) : kErrorInvalidHandle);
 }
 
 int32_t CRS232Ctrl::bsSetParityDataStop(int32_t nParity, int32_t nDataBits, int32_t nStopBits) {
-  m_dwLastError = kErrNone;
+  m_dwLastError = kErrorNone;
   return Record(m_pPort ? m_pPort->device.SetFormat(nParity, nDataBits, nStopBits)
-                        : kErrInvalidHandle);
+                        : kErrorInvalidHandle);
 }
 
 int32_t CRS232Ctrl::bsSetBufferSizes(uint32_t, uint32_t) {
-  m_dwLastError = kErrNone;
-  return Record(IsOpen() ? kErrNone : kErrInvalidHandle);
+  m_dwLastError = kErrorNone;
+  return Record(IsOpen() ? kErrorNone : kErrorInvalidHandle);
 }
 
 int32_t CRS232Ctrl::bsSetReadTimeouts(uint32_t, uint32_t, uint32_t) {
-  m_dwLastError = kErrNone;
-  return Record(IsOpen() ? kErrNone : kErrInvalidHandle);
+  m_dwLastError = kErrorNone;
+  return Record(IsOpen() ? kErrorNone : kErrorInvalidHandle);
 }
 
 int32_t CRS232Ctrl::bsSetWriteTimeouts(uint32_t nMultiplier, uint32_t nConstant) {
-  m_dwLastError = kErrNone;
-  if (!IsOpen()) return Record(kErrInvalidHandle);
+  m_dwLastError = kErrorNone;
+  if (!IsOpen()) return Record(kErrorInvalidHandle);
   m_pPort->nWriteMultiplier = nMultiplier;
   m_pPort->nWriteConstant = nConstant;
   return 1;
@@ -232,15 +232,15 @@ uint32_t CRS232Ctrl::PollEvents(int32_t timeoutMs) {
 }
 
 int32_t CRS232Ctrl::bsWaitCommEvent() {
-  m_dwLastError = kErrNone;
+  m_dwLastError = kErrorNone;
   m_dwEventMask = kEventReceived;
   m_bWaitRuns = false;
-  if (!IsOpen()) return Record(kErrInvalidHandle);
+  if (!IsOpen()) return Record(kErrorInvalidHandle);
   if (const uint32_t events = PollEvents(0)) {
     m_dwEventMask = events;
   } else {
     m_bWaitRuns = true;
-    m_dwLastError = kErrIoPending;
+    m_dwLastError = kErrorIoPending;
   }
   return 1;
 }
@@ -274,7 +274,7 @@ void CRS232Ctrl::RunEventThread(CPort& port) {
         break;
       case SerialWait::kLost:
         // Nothing more will come: all that is left is to wait for Close.
-        Record(kErrDeviceNotConnected);
+        Record(kErrorDeviceLost);
         while (port.bRun) port.wakeThread.Wait(-1);
         break;
       default:

@@ -42,7 +42,7 @@ struct OVERLAPPED {
 //          at rest, but for a Write or a waiting bsCheckForCommEvent, which Close ends.
 // Copies:  share the port and its thread; closing or destroying one closes it for all, and the
 //          others are then closed objects. Copies are made while the event thread rests.
-// Errors:  results; the number of the last failure (platform/system_error.h) stays for
+// Errors:  results; the number of the last failure (platform/last_error.h) stays for
 //          GetLastError until a setter, bsWaitCommEvent or Open succeeds.
 class KVL_API CRS232Ctrl : public CLine {
  public:
@@ -58,7 +58,7 @@ class KVL_API CRS232Ctrl : public CLine {
   // Sends the bytes, at most for as long as the write time-outs say: how many went out.
   int32_t Write(const uint8_t* pBytes, int32_t nCount) override;
 
-  // Begins to wait for an event: 1 if the wait runs (GetLastError is then kErrIoPending) or an
+  // Begins to wait for an event: 1 if the wait runs (GetLastError is then kErrorIoPending) or an
   // event was there, 0 on failure.
   virtual int32_t bsWaitCommEvent();
 

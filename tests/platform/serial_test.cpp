@@ -32,13 +32,13 @@ class CSerialDeviceTest : public testing::Test {
  protected:
   void SetUp() override {
     if (!line.Open()) GTEST_SKIP() << "no virtual serial lines here";
-    ASSERT_EQ(device.Open(line.GetDeviceName()), kErrNone);
+    ASSERT_EQ(device.Open(line.GetDeviceName()), kErrorNone);
   }
 
   std::string Read(int32_t most) {
     std::string bytes(static_cast<size_t>(most), '\0');
     int32_t count = 0;
-    EXPECT_EQ(device.Read(bytes.data(), most, &count), kErrNone);
+    EXPECT_EQ(device.Read(bytes.data(), most, &count), kErrorNone);
     bytes.resize(static_cast<size_t>(count));
     return bytes;
   }
@@ -52,7 +52,7 @@ TEST_F(CSerialDeviceTest, BytesGoBothWaysUnchanged) {
   std::string all;
   for (int i = 0; i < 256; ++i) all += static_cast<char>(i);  // flow control and line ends included
   int32_t written = 0;
-  EXPECT_EQ(device.Write(all.data(), 256, 1000, &written), kErrNone);
+  EXPECT_EQ(device.Write(all.data(), 256, 1000, &written), kErrorNone);
   EXPECT_EQ(written, 256);
   std::string got;
   char buffer[512];
@@ -75,7 +75,7 @@ TEST_F(CSerialDeviceTest, NothingToReadIsNoFailureAndNoWait) {
   EXPECT_EQ(Read(10), "");
   int32_t waiting = -1;
   uint32_t errors = 1;
-  EXPECT_EQ(device.GetStatus(&waiting, &errors), kErrNone);
+  EXPECT_EQ(device.GetStatus(&waiting, &errors), kErrorNone);
   EXPECT_EQ(waiting, 0);
   EXPECT_EQ(errors, 0U);
   EXPECT_EQ(device.WaitReadable(wakeup, 1), SerialWait::kTimeout);
@@ -94,28 +94,23 @@ TEST_F(CSerialDeviceTest, WaitEndsByBytesOrByTheWakeup) {
 
 TEST_F(CSerialDeviceTest, EveryRateOfTheTableCanBeSet) {
   for (const int32_t rate : {110, 9600, 14400, 56000, 115200, 128000, 256000}) {
-    EXPECT_EQ(device.SetBaudRate(rate), kErrNone) << rate;
+    EXPECT_EQ(device.SetBaudRate(rate), kErrorNone) << rate;
   }
-  EXPECT_EQ(device.SetBaudRate(0), kErrInvalidParameter);
-  EXPECT_EQ(device.SetBaudRate(-1), kErrInvalidParameter);
+  EXPECT_EQ(device.SetBaudRate(0), kErrorBadParameter);
+  EXPECT_EQ(device.SetBaudRate(-1), kErrorBadParameter);
 }
 
 TEST_F(CSerialDeviceTest, RefusedFormatIsAFailure) {
   static constexpr struct {
     int32_t parity, dataBits, stopBits;
     uint32_t error;
-  } kCases[] = {{0, 8, 0, kErrNone},
-                {0, 8, 1, kErrNone},
-                {0, 8, 2, kErrNone},
-                {-1, -1, -1, kErrNone},
-                {0, 7, 0, kErrInvalidParameter},  // a virtual line knows 8 bits without parity
-                {1, 8, 0, kErrInvalidParameter},  // alone
-                {2, 8, 0, kErrInvalidParameter},
-                {0, 4, 0, kErrInvalidParameter},
-                {0, 9, 0, kErrInvalidParameter},
-                {5, 8, 0, kErrInvalidParameter},
-                {0, 8, 3, kErrInvalidParameter},
-                {0, -1, 0, kErrNone}};
+  } kCases[] = {{0, 8, 0, kErrorNone},         {0, 8, 1, kErrorNone},
+                {0, 8, 2, kErrorNone},         {-1, -1, -1, kErrorNone},
+                {0, 7, 0, kErrorBadParameter},  // a virtual line knows 8 bits without parity
+                {1, 8, 0, kErrorBadParameter},  // alone
+                {2, 8, 0, kErrorBadParameter}, {0, 4, 0, kErrorBadParameter},
+                {0, 9, 0, kErrorBadParameter}, {5, 8, 0, kErrorBadParameter},
+                {0, 8, 3, kErrorBadParameter}, {0, -1, 0, kErrorNone}};
   for (const auto& row : kCases) {
     EXPECT_EQ(device.SetFormat(row.parity, row.dataBits, row.stopBits), row.error)
         << row.parity << " " << row.dataBits << " " << row.stopBits;
@@ -124,13 +119,13 @@ TEST_F(CSerialDeviceTest, RefusedFormatIsAFailure) {
 
 TEST_F(CSerialDeviceTest, OpenIsExclusiveAndToldApart) {
   CSerialDevice other;
-  EXPECT_EQ(other.Open(line.GetDeviceName()), kErrAccessDenied);
+  EXPECT_EQ(other.Open(line.GetDeviceName()), kErrorAccessDenied);
   EXPECT_FALSE(other.IsOpen());
   device.Close();
-  EXPECT_EQ(other.Open(line.GetDeviceName()), kErrNone);
-  EXPECT_EQ(CSerialDevice().Open("no such port"), kErrFileNotFound);
-  EXPECT_EQ(CSerialDevice().Open(""), kErrFileNotFound);
-  EXPECT_EQ(CSerialDevice().Open("null"), kErrInvalidFunction);
+  EXPECT_EQ(other.Open(line.GetDeviceName()), kErrorNone);
+  EXPECT_EQ(CSerialDevice().Open("no such port"), kErrorNotFound);
+  EXPECT_EQ(CSerialDevice().Open(""), kErrorNotFound);
+  EXPECT_EQ(CSerialDevice().Open("null"), kErrorNotSerial);
 }
 
 TEST_F(CSerialDeviceTest, UnpluggedLineIsLost) {
@@ -139,15 +134,15 @@ TEST_F(CSerialDeviceTest, UnpluggedLineIsLost) {
   unplug.join();
   char byte = 0;
   int32_t count = 0;
-  EXPECT_EQ(device.Read(&byte, 1, &count), kErrDeviceNotConnected);
-  EXPECT_EQ(device.Write(&byte, 1, 1000, &count), kErrDeviceNotConnected);
-  EXPECT_EQ(device.GetStatus(&count, std::make_unique<uint32_t>().get()), kErrDeviceNotConnected);
+  EXPECT_EQ(device.Read(&byte, 1, &count), kErrorDeviceLost);
+  EXPECT_EQ(device.Write(&byte, 1, 1000, &count), kErrorDeviceLost);
+  EXPECT_EQ(device.GetStatus(&count, std::make_unique<uint32_t>().get()), kErrorDeviceLost);
 }
 
 TEST_F(CSerialDeviceTest, WriteOnAFullLineEndsByTimeInterruptAndClose) {
   const std::string block(1 << 17, 'x');
   int32_t written = 0;
-  EXPECT_EQ(device.Write(block.data(), 1 << 17, 20, &written), kErrNone);
+  EXPECT_EQ(device.Write(block.data(), 1 << 17, 20, &written), kErrorNone);
   EXPECT_GT(written, 0);
   EXPECT_LT(written, 1 << 17);
   std::thread closed([&] {
@@ -159,10 +154,10 @@ TEST_F(CSerialDeviceTest, WriteOnAFullLineEndsByTimeInterruptAndClose) {
   device.Close();
   closed.join();
 
-  ASSERT_EQ(device.Open(line.GetDeviceName()), kErrNone);
+  ASSERT_EQ(device.Open(line.GetDeviceName()), kErrorNone);
   std::thread interrupted([&] {
     int32_t count = 0;
-    EXPECT_EQ(device.Write(block.data(), 1 << 17, -1, &count), kErrNone);
+    EXPECT_EQ(device.Write(block.data(), 1 << 17, -1, &count), kErrorNone);
     EXPECT_LT(count, 1 << 17);
   });
   device.Interrupt();

@@ -61,15 +61,15 @@ TEST_F(CRS232CtrlTest, ClosedObjectDoesNothing) {
   uint8_t byte = 0;
   EXPECT_EQ(port.Read(&byte, 1), 0);
   EXPECT_EQ(port.Write(&byte, 1), 0);
-  EXPECT_EQ(port.GetLastError(), kErrNone) << "nothing recorded";
+  EXPECT_EQ(port.GetLastError(), kErrorNone) << "nothing recorded";
   EXPECT_EQ(port.bsSetBaudRate(9600), 0);
-  EXPECT_EQ(port.GetLastError(), kErrInvalidHandle);
+  EXPECT_EQ(port.GetLastError(), kErrorInvalidHandle);
   EXPECT_EQ(port.bsWaitCommEvent(), 0);
   EXPECT_EQ(port.bsCheckForCommEvent(1), 0U);
   COMM comm = Settings();
   std::strcpy(comm.szPort, "COM78");
   EXPECT_EQ(port.Open(&comm), 0);
-  EXPECT_EQ(port.GetLastError(), kErrFileNotFound);
+  EXPECT_EQ(port.GetLastError(), kErrorNotFound);
   EXPECT_EQ(port.GetCommHandle(), kInvalidHandle);
 }
 
@@ -103,7 +103,7 @@ TEST_F(CRS232CtrlTest, RefusedOrMissingSettingsDoNotFailOpen) {
   Open(comm);         // open already: closed first
   EXPECT_EQ(port.IsValid(), 1) << "a later setter has cleared the error";
   EXPECT_EQ(port.bsSetParityDataStop(0, 7, 0), 0);
-  EXPECT_EQ(port.GetLastError(), kErrInvalidParameter);
+  EXPECT_EQ(port.GetLastError(), kErrorBadParameter);
   EXPECT_EQ(port.IsValid(), 0);
   for (const int32_t index : {15, 1000, -2}) {
     comm.nBaudRate = comm.nDataBit = comm.nParityBit = comm.nStopBit = index;
@@ -126,13 +126,13 @@ TEST_F(CRS232CtrlTest, HostWordsKeepWhatTheyAreGiven) {
 TEST_F(CRS232CtrlTest, EventIsWaitedForByHand) {
   Open(Settings());
   EXPECT_EQ(port.bsWaitCommEvent(), 1);
-  EXPECT_EQ(port.GetLastError(), kErrIoPending);
+  EXPECT_EQ(port.GetLastError(), kErrorIoPending);
   EXPECT_EQ(port.bsCheckForCommEvent(0), 0U);
   std::thread sender([&] { line.Write("x", 1, 1000); });
   EXPECT_EQ(port.bsCheckForCommEvent(1), kEventReceived);
   sender.join();
   EXPECT_EQ(port.bsWaitCommEvent(), 1);
-  EXPECT_EQ(port.GetLastError(), kErrNone) << "bytes still wait";
+  EXPECT_EQ(port.GetLastError(), kErrorNone) << "bytes still wait";
   EXPECT_EQ(Read(1), "x");
   EXPECT_EQ(port.bsWaitCommEvent(), 1);
   std::thread waiter([&] { EXPECT_EQ(port.bsCheckForCommEvent(1), kEventCarrier); });
@@ -174,7 +174,7 @@ TEST_F(CRS232CtrlTest, EventThreadFillsTheQueueAndPosts) {
   EXPECT_TRUE(RunLoopUntil([&] { return window.Count(kMsgSerialReceived) > 0; }));
 
   line.HangUp();
-  ASSERT_TRUE(WaitFor([&] { return port.GetLastError() == kErrDeviceNotConnected; }));
+  ASSERT_TRUE(WaitFor([&] { return port.GetLastError() == kErrorDeviceLost; }));
   EXPECT_EQ(port.IsValid(), 0);
   EXPECT_EQ(port.Close(), 1);
 }

@@ -24,18 +24,18 @@ constexpr struct {
   int system;
   uint32_t code;
 } kCodes[] = {
-    {ENOENT, kErrFileNotFound},      {ENODEV, kErrFileNotFound},     {ENXIO, kErrFileNotFound},
-    {EACCES, kErrAccessDenied},      {EPERM, kErrAccessDenied},      {EBUSY, kErrAccessDenied},
-    {EWOULDBLOCK, kErrAccessDenied}, {EMFILE, kErrTooManyOpenFiles}, {ENFILE, kErrTooManyOpenFiles},
-    {ENOMEM, kErrNotEnoughMemory},   {EINVAL, kErrInvalidParameter}, {ENOTTY, kErrInvalidFunction},
-    {EIO, kErrDeviceNotConnected},
+    {ENOENT, kErrorNotFound},          {ENODEV, kErrorNotFound},     {ENXIO, kErrorNotFound},
+    {EACCES, kErrorAccessDenied},      {EPERM, kErrorAccessDenied},  {EBUSY, kErrorAccessDenied},
+    {EWOULDBLOCK, kErrorAccessDenied}, {EMFILE, kErrorTooManyOpen},  {ENFILE, kErrorTooManyOpen},
+    {ENOMEM, kErrorNoMemory},          {EINVAL, kErrorBadParameter}, {ENOTTY, kErrorNotSerial},
+    {EIO, kErrorDeviceLost},
 };
 
 uint32_t LastCode() {
   for (const auto& pair : kCodes) {
     if (pair.system == errno) return pair.code;
   }
-  return kErrGenFailure;
+  return kErrorGeneral;
 }
 
 constexpr tcflag_t kParityFlags[] = {0, PARENB | PARODD, PARENB, PARENB | PARODD | CMSPAR,
@@ -77,10 +77,10 @@ uint32_t Apply(int fd, const termios2& before, const termios2& wanted) {
   if (ioctl(fd, TCGETS2, &got) != 0) return LastCode();
   if ((got.c_cflag & kFormatFlags) == (wanted.c_cflag & kFormatFlags) &&
       IsNear(got.c_ospeed, wanted.c_ospeed)) {
-    return kErrNone;
+    return kErrorNone;
   }
   ioctl(fd, TCSETS2, &before);
-  return kErrInvalidParameter;
+  return kErrorBadParameter;
 }
 
 }  // namespace
@@ -114,11 +114,11 @@ struct CSerialDevice::Impl {
 template <typename Change>
 uint32_t CSerialDevice::Impl::Set(Change change) {
   const Port port = Use();
-  if (!port) return kErrInvalidHandle;
+  if (!port) return kErrorInvalidHandle;
   termios2 before{};
   if (ioctl(port->Get(), TCGETS2, &before) != 0) return LastCode();
   termios2 wanted = before;
-  if (!change(wanted)) return kErrInvalidParameter;
+  if (!change(wanted)) return kErrorBadParameter;
   return Apply(port->Get(), before, wanted);
 }
 
@@ -144,7 +144,7 @@ CSerialDevice::~CSerialDevice() {
 
 uint32_t CSerialDevice::Open(std::string_view name) {
   const std::string device = FindSerialPort(name);
-  if (device.empty()) return kErrFileNotFound;
+  if (device.empty()) return kErrorNotFound;
   // Non-blocking, or a port without a carrier would hold up the open itself.
   CDescriptor port(::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   if (!port) return LastCode();
@@ -161,7 +161,7 @@ uint32_t CSerialDevice::Open(std::string_view name) {
   const std::lock_guard guard(m_pImpl->lock);
   m_pImpl->bInterrupted = false;
   m_pImpl->pPort = std::make_shared<CDescriptor>(std::move(port));
-  return kErrNone;
+  return kErrorNone;
 }
 
 void CSerialDevice::Close() {
@@ -194,7 +194,7 @@ uint32_t CSerialDevice::SetBaudRate(int32_t nRate) {
 
 uint32_t CSerialDevice::SetFormat(int32_t nParity, int32_t nDataBits, int32_t nStopBits) {
   constexpr int32_t kLeastDataBits = 5;
-  if (nDataBits >= 0 && nDataBits < kLeastDataBits) return kErrInvalidParameter;
+  if (nDataBits >= 0 && nDataBits < kLeastDataBits) return kErrorBadParameter;
   const int32_t size = nDataBits < 0 ? -1 : nDataBits - kLeastDataBits;
   return m_pImpl->Set([=](termios2& wanted) {
     wanted.c_iflag |= INPCK;
@@ -208,39 +208,39 @@ uint32_t CSerialDevice::SetFormat(int32_t nParity, int32_t nDataBits, int32_t nS
 
 uint32_t CSerialDevice::Purge() {
   const Impl::Port port = m_pImpl->Use();
-  if (!port) return kErrInvalidHandle;
-  return ioctl(port->Get(), TCFLSH, TCIOFLUSH) == 0 ? kErrNone : LastCode();
+  if (!port) return kErrorInvalidHandle;
+  return ioctl(port->Get(), TCFLSH, TCIOFLUSH) == 0 ? kErrorNone : LastCode();
 }
 
 uint32_t CSerialDevice::GetStatus(int32_t* pWaiting, uint32_t* pLineErrors) {
   *pWaiting = 0;
   *pLineErrors = 0;
   const Impl::Port port = m_pImpl->Use();
-  if (!port) return kErrInvalidHandle;
+  if (!port) return kErrorInvalidHandle;
   int waiting = 0;
   if (ioctl(port->Get(), FIONREAD, &waiting) != 0) return LastCode();
   *pWaiting = waiting;
   *pLineErrors = m_pImpl->ReadLineErrors(port->Get());
-  return kErrNone;
+  return kErrorNone;
 }
 
 uint32_t CSerialDevice::Read(void* pBuffer, int32_t nSize, int32_t* pRead) {
   *pRead = 0;
   const Impl::Port port = m_pImpl->Use();
-  if (!port) return kErrInvalidHandle;
-  if (nSize <= 0) return kErrNone;
+  if (!port) return kErrorInvalidHandle;
+  if (nSize <= 0) return kErrorNone;
   const ssize_t count = ::read(port->Get(), pBuffer, static_cast<size_t>(nSize));
-  if (count == 0) return kErrDeviceNotConnected;
-  if (count < 0) return errno == EAGAIN || errno == EINTR ? kErrNone : LastCode();
+  if (count == 0) return kErrorDeviceLost;
+  if (count < 0) return errno == EAGAIN || errno == EINTR ? kErrorNone : LastCode();
   *pRead = static_cast<int32_t>(count);
-  return kErrNone;
+  return kErrorNone;
 }
 
 uint32_t CSerialDevice::Write(const void* pBuffer, int32_t nSize, int32_t timeoutMs,
                               int32_t* pWritten) {
   *pWritten = 0;
   const Impl::Port port = m_pImpl->Use();
-  if (!port) return kErrInvalidHandle;
+  if (!port) return kErrorInvalidHandle;
   const int64_t deadline = GetTickCount() + timeoutMs;
   while (*pWritten < nSize) {
     const ssize_t count = ::write(port->Get(), static_cast<const uint8_t*>(pBuffer) + *pWritten,
@@ -255,7 +255,7 @@ uint32_t CSerialDevice::Write(const void* pBuffer, int32_t nSize, int32_t timeou
     short events = 0;
     PollBeside(port->Get(), POLLOUT, m_pImpl->wakeup, static_cast<int32_t>(rest), &events);
   }
-  return kErrNone;
+  return kErrorNone;
 }
 
 void CSerialDevice::Interrupt() {
