@@ -20,7 +20,8 @@ class ScriptsTest(unittest.TestCase):
         with self.subTest(name):
             script = kvl.Script(name, text)
             self.assertTrue(script.runs, "no ;run in it")
-            self.assertEqual(list(script.failures()), [])
+            failures = list(script.failures())
+            self.assertFalse(failures, "\n".join(failures))
 
     def test_scripts_do_what_their_comments_say(self):
         for path in sorted((kvl.ROOT / "tests" / "scripts").glob("*.kvl")):
