@@ -81,7 +81,7 @@ TEST_F(CReaderTest, RefusesWhatIsNotThere) {
   EXPECT_EQ(KVL_BAD_NAME, kvl_table_open("\xFF", &pTable));
   EXPECT_EQ(KVL_BAD_NAME, kvl_table_tag(m_pTable, "", &pTag));
   EXPECT_EQ(KVL_NOT_FOUND, kvl_table_tag(m_pTable, "NONE", &pTag));
-  EXPECT_STREQ("there is no such table or tag", kvl_error_text(KVL_NOT_FOUND));
+  EXPECT_STREQ("there is no such table, tag or port", kvl_error_text(KVL_NOT_FOUND));
   EXPECT_STREQ("unknown error", kvl_error_text(-1));
   kvl_table_close(nullptr);
   kvl_tag_close(nullptr);

@@ -180,7 +180,7 @@ TEST(CTableOwner, SetsAndListsTags) {
   EXPECT_FALSE(owner.Set("STATUS", "too long", strFault));
   EXPECT_EQ("the text needs 8 bytes and the tag has 6", strFault);
   EXPECT_FALSE(owner.Set("NONE", "1", strFault));
-  EXPECT_EQ("there is no such table or tag", strFault);
+  EXPECT_EQ("there is no such table, tag or port", strFault);
   std::vector<CTagImage> tags;
   ASSERT_TRUE(owner.List(tags));
   ASSERT_EQ(2u, tags.size());
