@@ -13,6 +13,7 @@ void SetUpApp(CLI::App& app, CContext& context) {
       ->capture_default_str();
   app.require_subcommand(1);
   app.fallthrough();
+  AddCheckCommand(app, context);
   AddFmtCommand(app, context);
   AddPortsCommand(app, context);
   AddReplayCommand(app, context);

@@ -36,6 +36,7 @@ void AddPortsCommand(CLI::App& app, CContext& context);
 // Everything of the command line: the options of `kvl` itself and all subcommands.
 void SetUpApp(CLI::App& app, CContext& context);
 
+void AddCheckCommand(CLI::App& app, CContext& context);
 void AddFmtCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
 void AddRunCommand(CLI::App& app, CContext& context);
