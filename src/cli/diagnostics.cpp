@@ -160,4 +160,12 @@ void PrintFaults(const std::string& script, const CKVLSyntax& syntax, ELanguage 
   }
 }
 
+bool PassesVerification(const std::string& script, std::string_view text, const CContext& context) {
+  CKVLSyntax syntax;
+  syntax._CompileMainScript1(syntax.LoadText(text));
+  syntax._VerifyMainScript();
+  PrintFaults(script, syntax, LanguageOf(""), CPainter(context.m_color, CPainter::EStream::Error));
+  return syntax.GetErrorCount() == 0;
+}
+
 }  // namespace kvl::cli

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
+#include "cli/commands.h"
 #include "cli/output.h"
 #include "verifier/KVLSyntax.h"
 
@@ -17,5 +19,8 @@ ELanguage LanguageOf(const std::string& name);
 // editors count them, also where the verifier counts the pieces of a line of more than 255 bytes.
 void PrintFaults(const std::string& script, const CKVLSyntax& syntax, ELanguage language,
                  const CPainter& painter);
+
+// Verifies a script that was read already and prints its faults. Whether there were none.
+bool PassesVerification(const std::string& script, std::string_view text, const CContext& context);
 
 }  // namespace kvl::cli

@@ -3,6 +3,7 @@
 
 #include "cli/batches.h"
 #include "cli/commands.h"
+#include "cli/diagnostics.h"
 #include "cli/output.h"
 #include "cli/replay_owner.h"
 #include "cli/script_file.h"
@@ -22,6 +23,7 @@ struct CReplayOptions {
 
 int Replay(const CReplayOptions& options, const CContext& context) {
   const std::string text = ReadScriptFile(options.m_script);
+  if (!options.m_bNoCheck && !PassesVerification(options.m_script, text, context)) return kFailed;
   if (!options.m_tags.empty()) {
     throw CCommandError(kFailed, "--tags needs the shared store, which this build does not have");
   }
