@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <thread>
@@ -111,6 +112,17 @@ TEST(NamedSection, OutlivesItsOpenersAndKeepsItsSize) {
   EXPECT_TRUE(CNamedSection::Remove(strName, kPrivate));
   EXPECT_EQ(7, again.View()[99]) << "whoever has it open keeps it";
   EXPECT_FALSE(CNamedSection(strName, 100, kCreate, kPrivate).Existed());
+}
+
+TEST(NamedSection, IsNotMadeWithoutRoomForIt) {
+  CChild crowded([] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit little{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &little);
+    return CNamedSection(UniqueName("full"), 8192, kCreate, kPrivate).Error() == kErrorDiskFull ? 0
+                                                                                                : 1;
+  });
+  EXPECT_EQ(0, crowded.Join());
 }
 
 TEST(NamedSection, TellsThatItWasCutShort) {
