@@ -142,7 +142,10 @@ TEST(NamedSemaphore, RefusesTheThreadThatHoldsIt) {
   ASSERT_EQ(ETaken::kYes, first.Take());
   EXPECT_EQ(ETaken::kNo, second.Take());
   EXPECT_EQ(kErrorDeadlock, second.Error());
-  std::thread other([&] { EXPECT_EQ(ETaken::kYes, second.Take()), second.Release(); });
+  std::thread other([&] {
+    EXPECT_EQ(ETaken::kYes, second.Take());
+    second.Release();
+  });
   first.Release();
   other.join();
 }
