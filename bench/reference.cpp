@@ -109,22 +109,18 @@ class CScale : public CPeer {
 // Lines without their line end, copied out one after the other.
 class CLines : public CPeer {
  public:
-  CFound Found() override {
-    return {{static_cast<double>(m_nLines), static_cast<double>(m_nBytes)}, m_szLine};
-  }
+  CFound Found() override { return {{static_cast<double>(m_nBytes)}, m_szLine}; }
 
  protected:
   void Take(const char* line, size_t size) {
     size = std::min(size, sizeof m_szLine - 1);
     std::memcpy(m_szLine, line, size);
     m_szLine[size] = '\0';
-    ++m_nLines;
     m_nBytes += size;
   }
-  void Restart() { m_nLines = m_nBytes = 0; }
+  void Restart() { m_nBytes = 0; }
 
   char m_szLine[128] = {};
-  size_t m_nLines = 0;
   size_t m_nBytes = 0;
 };
 

@@ -42,7 +42,7 @@ void CopyAscending(uint8_t* to, const uint8_t* from, size_t count) {
 // Takes what the source has and what the destination has room for. The terminator is written if
 // there is room for it too, so that a buffer can be filled to its last byte.
 const CStep* Copy(const CStep& step, CRunState&) {
-  const int32_t count = NarrowToInt32(ReadNumber(step.m_operand[2]));
+  const int32_t count = ReadInteger(step.m_operand[2]);
   const std::span<uint8_t> to = ResolvePlace(step.m_operand[0]);
   const std::span<uint8_t> from = ResolvePlace(step.m_operand[1]);
   if (to.empty() || from.empty()) return &step + 1;
