@@ -50,6 +50,10 @@ double EvaluateIndex(const CIndexExpression& expression) {
   return sum;
 }
 
+int32_t NarrowedIndex(const CIndexExpression& expression) {
+  return NarrowToInt32(EvaluateIndex(expression));
+}
+
 double ReadNumber(const CBoundOperand& operand) {
   switch (operand.m_kind) {
     case EOperand::Literal:

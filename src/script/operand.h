@@ -57,32 +57,18 @@ struct CIndexTerm {
 };
 
 double EvaluateIndex(const CIndexExpression& expression);
+int32_t NarrowedIndex(const CIndexExpression& expression);
 
+// Of an operand with an index.
 inline int32_t IndexOf(const CBoundOperand& operand) {
-  switch (operand.m_index) {
-    case EIndex::None:
-      return 0;
-    case EIndex::Scalar:
-      // Wraps as the narrowing of the exact sum does.
-      return static_cast<int32_t>(Load<uint32_t>(operand.m_pIndex) +
-                                  static_cast<uint32_t>(operand.m_nOffset));
-    case EIndex::Expression:
-      return NarrowToInt32(EvaluateIndex(*operand.m_pExpression));
-  }
-  return 0;
+  if (operand.m_index == EIndex::Expression) return NarrowedIndex(*operand.m_pExpression);
+  // Wraps as the narrowing of the exact sum does.
+  return static_cast<int32_t>(Load<uint32_t>(operand.m_pIndex) +
+                              static_cast<uint32_t>(operand.m_nOffset));
 }
 
 // The number that an operand bound by BindNumber, BindValue or BindComparand has now.
 double ReadNumber(const CBoundOperand& operand);
-
-// The same, narrowed.
-inline int32_t ReadInteger(const CBoundOperand& operand) {
-  if (operand.m_kind == EOperand::Literal) return operand.m_nNumber;
-  if (operand.m_kind == EOperand::Scalar && operand.m_type == kInteger) {
-    return Load<int32_t>(operand.m_pData);
-  }
-  return NarrowToInt32(ReadNumber(operand));
-}
 
 // The bytes from a place bound by BindPlace to the end of its variable; empty, with a null
 // pointer, if there is no such place.

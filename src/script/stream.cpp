@@ -30,27 +30,6 @@ void StorePosition(const CBoundOperand& scalar, const char* text, const char* fo
   StoreInteger(scalar, found == nullptr ? kNotFound : static_cast<int32_t>(found - text));
 }
 
-// Operand 0 is the text, 1 the pattern, 2 the scalar. The text is a string: a zero byte behind the
-// block ends a buffer that is full. The byte 0 is found at the string's end.
-const CStep* FindByte(const CStep& step, CRunState&) {
-  const auto* const text = reinterpret_cast<const char*>(step.m_operand[0].m_pData);
-  StorePosition(step.m_operand[2], text, std::strchr(text, *step.m_operand[1].m_pData));
-  return &step + 1;
-}
-
-// A pattern of more than one byte.
-const CStep* FindText(const CStep& step, CRunState&) {
-  const auto* const text = reinterpret_cast<const char*>(step.m_operand[0].m_pData);
-  const auto* const pattern = reinterpret_cast<const char*>(step.m_operand[1].m_pData);
-  const auto rest = static_cast<size_t>(step.m_operand[1].m_nSize) - 1;
-  const char* found = std::strchr(text, pattern[0]);
-  while (found != nullptr && std::strncmp(found + 1, pattern + 1, rest) != 0) {
-    found = std::strchr(found + 1, pattern[0]);
-  }
-  StorePosition(step.m_operand[2], text, found);
-  return &step + 1;
-}
-
 // The empty pattern stands at the start of every text.
 const CStep* FindNothing(const CStep& step, CRunState&) {
   StoreInteger(step.m_operand[2], 0);
@@ -72,6 +51,27 @@ std::string PatternOf(std::string_view text) {
 }
 
 }  // namespace
+
+// Operand 0 is the text, 1 the pattern, 2 the scalar. The text is a string: a zero byte behind the
+// block ends a buffer that is full. The byte 0 is found at the string's end.
+const CStep* FindByte(const CStep& step, CRunState&) {
+  const auto* const text = reinterpret_cast<const char*>(step.m_operand[0].m_pData);
+  StorePosition(step.m_operand[2], text, std::strchr(text, *step.m_operand[1].m_pData));
+  return &step + 1;
+}
+
+// A pattern of more than one byte.
+const CStep* FindText(const CStep& step, CRunState&) {
+  const auto* const text = reinterpret_cast<const char*>(step.m_operand[0].m_pData);
+  const auto* const pattern = reinterpret_cast<const char*>(step.m_operand[1].m_pData);
+  const auto rest = static_cast<size_t>(step.m_operand[1].m_nSize) - 1;
+  const char* found = std::strchr(text, pattern[0]);
+  while (found != nullptr && std::strncmp(found + 1, pattern + 1, rest) != 0) {
+    found = std::strchr(found + 1, pattern[0]);
+  }
+  StorePosition(step.m_operand[2], text, found);
+  return &step + 1;
+}
 
 void BindIn(CBinder& binder, const CCommandTable& command, CStep& step) {
   step.m_operand[0] = binder.BindBuffer(command.m_szOperand[0]);

@@ -17,6 +17,10 @@ std::string_view TagName(const CBoundOperand& place) {
   return AsText(bytes.data(), StringLength(bytes.data(), size));
 }
 
+int32_t CountOf(const CBoundOperand& count) {
+  return NarrowToInt32(ReadNumber(count));
+}
+
 // A text ends at its first zero byte.
 std::span<const uint8_t> TextAt(const CBoundOperand& place, int32_t count) {
   const std::span<uint8_t> bytes = ResolvePlace(place);
@@ -50,7 +54,7 @@ const CStep* PutLiteral(const CStep& step, CRunState& state) {
 const CStep* PutText(const CStep& step, CRunState& state) {
   state.m_bTouched = true;
   CPutValue value;
-  value.m_text = TextAt(step.m_operand[1], ReadInteger(step.m_operand[2]));
+  value.m_text = TextAt(step.m_operand[1], CountOf(step.m_operand[2]));
   state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value, *state.m_pOwner);
   return &step + 1;
 }
@@ -60,8 +64,7 @@ const CStep* Get(const CStep& step, CRunState& state) {
   state.m_bTouched = true;
   const std::span<uint8_t> to = ResolvePlace(step.m_operand[0]);
   if (!to.empty()) {
-    state.m_pTags->Get(step.m_nNumber, TagName(step.m_operand[1]), to,
-                       ReadInteger(step.m_operand[2]));
+    state.m_pTags->Get(step.m_nNumber, TagName(step.m_operand[1]), to, CountOf(step.m_operand[2]));
   }
   return &step + 1;
 }
