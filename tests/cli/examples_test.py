@@ -55,6 +55,12 @@ class ExamplesTest(unittest.TestCase):
                 with self.subTest(name, cut=cut):
                     self.assertEqual(published(decode(script, capture, *cut)), expected)
 
+    def test_scripts_are_without_fault_and_well_laid_out(self):
+        scripts = [files(name, recording)[0] for name, recording, _ in EXAMPLES]
+        for command in (["check"], ["fmt", "--check"]):
+            process = kvl.run(*command, *scripts)
+            self.assertEqual(process.returncode, 0, process.stdout + process.stderr)
+
     def test_input_is_what_its_generator_writes(self):
         for name, recording, _ in EXAMPLES:
             capture = files(name, recording)[2]
@@ -62,13 +68,14 @@ class ExamplesTest(unittest.TestCase):
                 copy = pathlib.Path(folder) / "generate.py"
                 copy.write_text((capture.parent / "generate.py").read_text())
                 subprocess.run([sys.executable, copy], check=True)
-                self.assertEqual((pathlib.Path(folder) / recording).read_bytes(), capture.read_bytes())
+                written = (pathlib.Path(folder) / recording).read_bytes()
+                self.assertEqual(written, capture.read_bytes())
 
     def test_scale_is_asked_again_after_a_second_of_silence(self):
         script, _, capture = files(*EXAMPLES[2][:2])
         silence = ["--batch", ""]
         events = decode(script, *silence * 22, "--batch", b"ST,GS,+   1".hex(), *silence * 21,
-                            "--batch", b"ST,GS,+   2.000kg\r\n".hex())
+                        "--batch", b"ST,GS,+   2.000kg\r\n".hex())
         poll = r"out READ\r\n"
         shown = [kvl.describe(event) for event in events if event["event"] in ("out", "sleep")]
         self.assertEqual(shown, [poll] + ["sleep 50"] * 20 + [poll] + ["sleep 50"] * 20 +

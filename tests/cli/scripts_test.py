@@ -35,7 +35,7 @@ class ScriptsTest(unittest.TestCase):
                 self.check(f"language.md:{line}", text)
             else:
                 body = frame.partition("BEGIN:\n")[0] + "BEGIN:\n" + text + "END:\n"
-                body += "" if ";run" in text else ";run --no-check\n"
+                body += "" if ";run" in text else ";run\n"
                 self.check(f"language.md:{line}", body)
 
     def test_guide_has_a_section_for_every_instruction(self):
