@@ -45,7 +45,7 @@ class CGauge : public kvl::CAsyncSocket {
   explicit CGauge(const GaugeOptions& options)
       : m_options(options),
         m_voice(
-            options.voice, [this](const std::string& bytes) { Send(bytes); },
+            options.voice, [this](const std::string& bytes) { Broadcast(bytes); },
             [this] { m_clients.clear(); }) {}
 
   // Listens, and prints the port.
@@ -86,7 +86,7 @@ class CGauge : public kvl::CAsyncSocket {
   }
 
   // A listener that does not keep up misses what its line can't take.
-  void Send(const std::string& bytes) {
+  void Broadcast(const std::string& bytes) {
     std::erase_if(m_clients, [](const auto& pClient) { return pClient->bGone; });
     for (const auto& pClient : m_clients) {
       pClient->Send(bytes.data(), static_cast<int32_t>(bytes.size()));

@@ -1,6 +1,9 @@
 #include "transport/RS232Ctrl.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -109,6 +112,30 @@ TEST_F(CRS232CtrlTest, RefusedOrMissingSettingsDoNotFailOpen) {
     comm.nBaudRate = comm.nDataBit = comm.nParityBit = comm.nStopBit = index;
     Open(comm);
   }
+}
+
+TEST_F(CRS232CtrlTest, DeviceGetsWhatIsSetAndKeepsTheRest) {
+  const int fd = ::open(line.GetDeviceName().c_str(), O_RDWR | O_NOCTTY);
+  ASSERT_GE(fd, 0);
+  const auto settings = [fd] {
+    termios now{};
+    EXPECT_EQ(tcgetattr(fd, &now), 0);
+    return now;
+  };
+  COMM comm = Settings();
+  comm.nStopBit = 1;
+  Open(comm);
+  const termios now = settings();
+  EXPECT_NE(now.c_cflag & CSTOPB, 0U) << "one and a half are sent as two";
+  EXPECT_NE(now.c_iflag & INPCK, 0U) << "without parity too";
+  EXPECT_EQ(now.c_lflag & (ICANON | ECHO | ISIG), 0U);
+  EXPECT_EQ(now.c_iflag & (IXON | IXOFF | ICRNL), 0U);
+  EXPECT_EQ(now.c_cc[VSTART], 0);
+  EXPECT_EQ(now.c_cc[VSTOP], 0);
+  comm.nStopBit = -1;
+  Open(comm);
+  EXPECT_NE(settings().c_cflag & CSTOPB, 0U);
+  ::close(fd);
 }
 
 TEST_F(CRS232CtrlTest, HostWordsKeepWhatTheyAreGiven) {
