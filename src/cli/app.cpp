@@ -18,6 +18,7 @@ void SetUpApp(CLI::App& app, CContext& context) {
   AddPortsCommand(app, context);
   AddReplayCommand(app, context);
   AddRunCommand(app, context);
+  AddTestCommand(app, context);
 }
 
 }  // namespace kvl::cli
