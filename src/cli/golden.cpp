@@ -203,7 +203,7 @@ std::vector<std::string> ReplayGoldenCase(const CGoldenCase& golden, const CCont
       for (const std::string& name : values) AddValues(event, name, lines);
     }
   });
-  if (Replay(options, *report, context) != kDone)
+  if (Replay(options, context, *report) != kDone)
     throw CCommandError(kFailed, "the script has faults");
   return lines;
 }

@@ -9,7 +9,7 @@
 
 namespace kvl::cli {
 
-int Replay(const CReplayOptions& options, CReplayReport& report, const CContext& context) {
+int Replay(const CReplayOptions& options, const CContext& context, CReplayReport& report) {
   const std::string text = ReadScriptFile(options.m_script);
   if (!options.m_bNoCheck && !PassesVerification(options.m_script, text, context)) return kFailed;
   if (!options.m_tags.empty()) {
@@ -73,7 +73,7 @@ void AddReplayCommand(CLI::App& app, CContext& context) {
   command->add_flag("--json", *json, "Print events as JSON, one object a line");
   command->callback([options, json, &context] {
     context.m_work = [options, json, &context] {
-      return Replay(*options, *MakeReport(*json, context.m_color), context);
+      return Replay(*options, context, *MakeReport(*json, context.m_color));
     };
   });
 }

@@ -23,8 +23,8 @@ struct CReplayOptions {
 // `command`.
 void AddReplayOptions(CLI::App& command, CReplayOptions& options);
 
-// Verifies the script unless told otherwise, runs it over its batches and tells `report` what
-// happens. Throws CCommandError.
-int Replay(const CReplayOptions& options, CReplayReport& report, const CContext& context);
+// Runs the script over its batches and tells `report` what happens. kFailed, with its faults on
+// standard error, for a script that does not pass verification. Throws CCommandError.
+int Replay(const CReplayOptions& options, const CContext& context, CReplayReport& report);
 
 }  // namespace kvl::cli

@@ -33,7 +33,7 @@ struct COutcome {
   std::vector<std::string> m_context;
 };
 
-COutcome RunCase(const CGoldenCase& golden, bool update, const CContext& context) try {
+COutcome RunCase(const CGoldenCase& golden, const CContext& context, bool update) try {
   const std::vector<std::string> actual = ReplayGoldenCase(golden, context);
   const fs::path path = fs::path(golden.m_stem) += ".expected";
   std::ifstream file(path, std::ios::binary);
@@ -139,7 +139,7 @@ int Test(const CTestOptions& options, const CContext& context) {
   const CPainter painter(context.m_color, CPainter::EStream::Output);
   size_t counts[3] = {};
   for (const CGoldenCase& golden : cases) {
-    const COutcome outcome = RunCase(golden, options.m_bUpdate, context);
+    const COutcome outcome = RunCase(golden, context, options.m_bUpdate);
     ++counts[static_cast<int>(outcome.m_result)];
     options.m_bJson ? PrintOutcomeAsJson(golden, outcome) : PrintOutcome(golden, outcome, painter);
   }
