@@ -10,12 +10,12 @@
 
 #include "store/kvl_table.h"
 
-static int Fail(const char *what, int code) {
+static int Fail(const char* what, int code) {
   fprintf(stderr, "table_reader: %s: %s\n", what, kvl_error_text(code));
   return 1;
 }
 
-static int PrintValue(kvl_tag *tag) {
+static int PrintValue(kvl_tag* tag) {
   double number;
   char text[65536 * 2];
   int type;
@@ -32,7 +32,7 @@ static int PrintValue(kvl_tag *tag) {
   return code;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   if (argc < 3) {
     fprintf(stderr, "usage: table_reader TABLE TAG [COUNT [TIMEOUT_MS]]\n");
     return 2;
@@ -40,10 +40,10 @@ int main(int argc, char **argv) {
   const long count = argc > 3 ? atol(argv[3]) : -1;
   const int timeout = argc > 4 ? atoi(argv[4]) : -1;
 
-  kvl_table *table;
+  kvl_table* table;
   int code = kvl_table_open(argv[1], &table);
   if (code != KVL_OK) return Fail(argv[1], code);
-  kvl_tag *tag;
+  kvl_tag* tag;
   code = kvl_table_tag(table, argv[2], &tag);
   for (long i = 0; code == KVL_OK && i != count; ++i) {
     code = kvl_tag_wait(tag, timeout);
