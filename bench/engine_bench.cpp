@@ -28,8 +28,8 @@ const CWorkload kWorkloads[] = {
     {"checksum", "(a) 64-byte frame, sum and exclusive or", {"GOOD"}, nullptr, 11},
     {"nmea", "(b) NMEA sentence", {"GOOD", "LAT", "LON", "A", "B"}, nullptr, 3.6},
     {"scale", "(c) scale frame, answered", {"WEIGHT"}, nullptr, 3},
-    {"lines", "(d1) 1,400 bytes of lines, by search", {"LINES", "BYTES"}, "LINE", 2.5},
-    {"bytewise", "(d2) 1,400 bytes of lines, byte by byte", {"LINES", "BYTES"}, "LINE", 6.5},
+    {"lines", "(d1) 1,400 bytes of lines, by search", {"AT"}, "LINE", 2.5},
+    {"bytewise", "(d2) 1,400 bytes of lines, byte by byte", {"START"}, "LINE", 6.5},
 };
 
 std::string ReadFile(const std::string& path) {

@@ -109,23 +109,17 @@ class CScale : public CPeer {
 // Lines without their line end, copied out one after the other.
 class CLines : public CPeer {
  public:
-  CFound Found() override {
-    return {{static_cast<double>(m_nLines), static_cast<double>(m_nBytes)}, m_szLine};
-  }
+  CFound Found() override { return {{static_cast<double>(m_nTaken)}, m_szLine}; }
 
  protected:
-  void Take(const char* line, size_t size) {
-    size = std::min(size, sizeof m_szLine - 1);
+  void Take(const char* line, const char* end) {
+    const size_t size = std::min(static_cast<size_t>(end - line), sizeof m_szLine - 1);
     std::memcpy(m_szLine, line, size);
     m_szLine[size] = '\0';
-    ++m_nLines;
-    m_nBytes += size;
   }
-  void Restart() { m_nLines = m_nBytes = 0; }
 
-  char m_szLine[128] = {};
-  size_t m_nLines = 0;
-  size_t m_nBytes = 0;
+  char m_szLine[129] = {};
+  std::ptrdiff_t m_nTaken = 0;  // bytes of whole lines
 };
 
 class CSearchedLines : public CLines {
@@ -134,14 +128,13 @@ class CSearchedLines : public CLines {
 
  private:
   [[gnu::noinline]] void Split(CBytes batch) {
-    Restart();
-    const char* p = CharsOf(batch.data());
-    const char* const end = p + batch.size();
-    while (const void* found = std::memchr(p, '\n', static_cast<size_t>(end - p))) {
-      const char* const line = p;
-      p = static_cast<const char*>(found) + 1;
-      Take(line, static_cast<size_t>(p - line - 1));
+    const char* line = CharsOf(batch.data());
+    const char* const end = line + batch.size();
+    while (const void* found = std::memchr(line, '\n', static_cast<size_t>(end - line))) {
+      Take(line, static_cast<const char*>(found));
+      line = static_cast<const char*>(found) + 1;
     }
+    m_nTaken = line - CharsOf(batch.data());
   }
 };
 
@@ -151,14 +144,14 @@ class CBytewiseLines : public CLines {
 
  private:
   [[gnu::noinline]] void Split(CBytes batch) {
-    Restart();
     const char* line = CharsOf(batch.data());
     const char* const end = line + batch.size();
     for (const char* p = line; p != end; ++p) {
       if (*p != '\n') continue;
-      Take(line, static_cast<size_t>(p - line));
+      Take(line, p);
       line = p + 1;
     }
+    m_nTaken = line - CharsOf(batch.data());
   }
 };
 

@@ -1,14 +1,12 @@
 local byte, sub = string.byte, string.sub
 
 return function(batch)
-  local start, lines, bytes, line = 1, 0, 0, ""
+  local start, line = 1, ""
   for i = 1, #batch do
     if byte(batch, i) == 10 then
       line = sub(batch, start, i - 1)
-      lines = lines + 1
-      bytes = bytes + i - start
       start = i + 1
     end
   end
-  return lines, bytes, line
+  return start - 1, line
 end

@@ -1,14 +1,12 @@
 local find, sub = string.find, string.sub
 
 return function(batch)
-  local at, lines, bytes, line = 1, 0, 0, ""
+  local at, line = 1, ""
   while true do
     local pos = find(batch, "\n", at, true)
     if not pos then break end
     line = sub(batch, at, pos - 1)
-    lines = lines + 1
-    bytes = bytes + pos - at
     at = pos + 1
   end
-  return lines, bytes, line
+  return at - 1, line
 end

@@ -13,8 +13,12 @@ void SetUpApp(CLI::App& app, CContext& context) {
       ->capture_default_str();
   app.require_subcommand(1);
   app.fallthrough();
+  AddCheckCommand(app, context);
   AddFmtCommand(app, context);
+  AddPortsCommand(app, context);
   AddReplayCommand(app, context);
+  AddRunCommand(app, context);
+  AddTestCommand(app, context);
 }
 
 }  // namespace kvl::cli

@@ -16,7 +16,9 @@ CCaptureFile::CCaptureFile(const std::string& path) : m_pFile(std::fopen(path.c_
   fmt::print(m_pFile, "{}\n", kCaptureHead);
 }
 
-CCaptureFile::~CCaptureFile() { std::fclose(m_pFile); }
+CCaptureFile::~CCaptureFile() {
+  std::fclose(m_pFile);
+}
 
 void CCaptureFile::Write(int64_t microseconds, std::span<const uint8_t> bytes) {
   const std::string line = fmt::format("{} {}\n", microseconds, ToHex(bytes));

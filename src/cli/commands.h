@@ -32,11 +32,14 @@ struct CContext {
   std::function<int()> m_work;   // set by the subcommand that the user chose
 };
 
-void AddPortsCommand(CLI::App& app, CContext& context);
 // Everything of the command line: the options of `kvl` itself and all subcommands.
 void SetUpApp(CLI::App& app, CContext& context);
 
+void AddCheckCommand(CLI::App& app, CContext& context);
 void AddFmtCommand(CLI::App& app, CContext& context);
+void AddPortsCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
+void AddRunCommand(CLI::App& app, CContext& context);
+void AddTestCommand(CLI::App& app, CContext& context);
 
 }  // namespace kvl::cli

@@ -39,9 +39,12 @@ const char* CodeOf(EColor color) {
 
 }  // namespace
 
+std::string JsonLine(const CJson& object) {
+  return object.dump(-1, ' ', false, CJson::error_handler_t::replace);
+}
+
 void PrintJson(const CJson& object) {
-  const std::string line = object.dump(-1, ' ', false, CJson::error_handler_t::replace);
-  fmt::print("{}\n", line);
+  fmt::print("{}\n", JsonLine(object));
 }
 
 std::string ToHex(std::span<const uint8_t> bytes) {

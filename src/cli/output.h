@@ -12,7 +12,10 @@ namespace kvl::cli {
 
 using CJson = nlohmann::ordered_json;
 
-// One object a line on standard output.
+// An object as one line of text, without a line end.
+std::string JsonLine(const CJson& object);
+
+// The same as a line on standard output.
 void PrintJson(const CJson& object);
 
 // Two lower-case digits a byte.

@@ -2,11 +2,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "cli/output.h"
 #include "script/KVL.h"
 #include "script/engine_owner.h"
 
@@ -25,7 +27,11 @@ class CReplayReport {
   virtual void End(int64_t passes, int32_t result, const CKVL& engine) = 0;
 };
 
-// JSON, one object a line; or lines for a person.
+// JSON, each event handed to `sink`.
+using CJsonSink = std::function<void(const CJson& event)>;
+std::unique_ptr<CReplayReport> MakeJsonReport(CJsonSink sink);
+
+// On standard output: JSON, one object a line; or lines for a person.
 std::unique_ptr<CReplayReport> MakeReport(bool json, const std::string& color);
 
 class CReplayOwner : public CEngineOwner {

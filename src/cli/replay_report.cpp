@@ -41,23 +41,25 @@ std::span<const uint8_t> ValueOf(const CVariableTable& variable) {
 
 class CJsonReport : public CReplayReport {
  public:
+  explicit CJsonReport(CJsonSink sink) : m_sink(std::move(sink)) {}
+
   void Out(int64_t pass, std::span<const uint8_t> bytes, int32_t interval) override {
-    PrintJson({{"event", "out"}, {"pass", pass}, {"hex", ToHex(bytes)}, {"interval", interval}});
+    m_sink({{"event", "out"}, {"pass", pass}, {"hex", ToHex(bytes)}, {"interval", interval}});
   }
   void Print(int64_t pass, std::string_view message) override {
-    PrintJson({{"event", "print"}, {"pass", pass}, {"hex", ToHex(message)}});
+    m_sink({{"event", "print"}, {"pass", pass}, {"hex", ToHex(message)}});
   }
   void Put(int64_t pass, std::string_view tag, std::span<const uint8_t> payload) override {
-    PrintJson(
+    m_sink(
         {{"event", "put"}, {"pass", pass}, {"tag", Utf8FromCp949(tag)}, {"hex", ToHex(payload)}});
   }
   void Sync(int64_t pass, int32_t value) override {
-    PrintJson({{"event", "sync"}, {"pass", pass}, {"value", value}});
+    m_sink({{"event", "sync"}, {"pass", pass}, {"value", value}});
   }
   void Sleep(int64_t pass, int32_t milliseconds) override {
-    PrintJson({{"event", "sleep"}, {"pass", pass}, {"ms", milliseconds}});
+    m_sink({{"event", "sleep"}, {"pass", pass}, {"ms", milliseconds}});
   }
-  void Limit(int64_t pass) override { PrintJson({{"event", "limit"}, {"pass", pass}}); }
+  void Limit(int64_t pass) override { m_sink({{"event", "limit"}, {"pass", pass}}); }
 
   void End(int64_t passes, int32_t result, const CKVL& engine) override {
     CJson variables = CJson::array();
@@ -69,14 +71,17 @@ class CJsonReport : public CReplayReport {
                            {"type", type},
                            {"hex", ToHex(ValueOf(variable))}});
     }
-    PrintJson({{"event", "end"},
-               {"passes", passes},
-               {"result", result},
-               {"compare", engine.GetCompare()},
-               {"interval", engine.GetOutInterval()},
-               {"variables", variables},
-               {"tags", CJson::array()}});
+    m_sink({{"event", "end"},
+            {"passes", passes},
+            {"result", result},
+            {"compare", engine.GetCompare()},
+            {"interval", engine.GetOutInterval()},
+            {"variables", variables},
+            {"tags", CJson::array()}});
   }
+
+ private:
+  CJsonSink m_sink;
 };
 
 class CTextReport : public CReplayReport {
@@ -146,8 +151,12 @@ class CTextReport : public CReplayReport {
 
 }  // namespace
 
+std::unique_ptr<CReplayReport> MakeJsonReport(CJsonSink sink) {
+  return std::make_unique<CJsonReport>(std::move(sink));
+}
+
 std::unique_ptr<CReplayReport> MakeReport(bool json, const std::string& color) {
-  if (json) return std::make_unique<CJsonReport>();
+  if (json) return MakeJsonReport(PrintJson);
   return std::make_unique<CTextReport>(color);
 }
 

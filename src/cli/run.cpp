@@ -10,6 +10,7 @@
 
 #include "cli/capture.h"
 #include "cli/commands.h"
+#include "cli/diagnostics.h"
 #include "cli/output.h"
 #include "cli/script_file.h"
 #include "control/DecodeCtrl.h"
@@ -61,6 +62,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   CRunHost(const CRunOptions& options, const CContext& context)
       : m_options(options),
         m_painter(context.m_color, CPainter::EStream::Output),
+        m_errors(context.m_color, CPainter::EStream::Error),
         m_loop(CMessageLoop::Current()) {
     if (!options.m_capture.empty()) m_capture.emplace(options.m_capture);
   }
@@ -74,8 +76,9 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     SetScriptName(m_options.m_script.c_str());
     if (VerifyScript() != 0) return ReportFaults(*GetSyntax());
     if (GetCom().nMedia != kMediaSerial && GetCom().nMedia != kMediaTcp) {
-      throw CCommandError(kFailed, "the script names no line that can be opened: it needs OPEN "
-                                   "MEDIA RS232C or OPEN MEDIA TCP");
+      throw CCommandError(kFailed,
+                          "the script names no line that can be opened: it needs OPEN "
+                          "MEDIA RS232C or OPEN MEDIA TCP");
     }
     const CInterruptWatch interrupts([this] { m_loop.Quit(); });
     m_nStart = GetTickCount();
@@ -89,7 +92,10 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
 
  private:
   // Prints the verifier's list.
-  int ReportFaults(const CKVLSyntax& syntax) const;
+  int ReportFaults(const CKVLSyntax& syntax) const {
+    PrintFaults(m_options.m_script, syntax, LanguageOf(""), m_errors);
+    return kFailed;
+  }
 
   std::string DeviceText() const {
     const std::string name = GetCom().szPort;
@@ -209,17 +215,20 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     } else {
       fmt::print("{} bytes received, {} sent, {} dropped because the script was too slow\n",
                  m_nReceived.load(), m_nSent.load(), dropped);
-      if (m_nUnsaid > 0) fmt::print("{} lines were not printed: too many at once\n", m_nUnsaid.load());
+      if (m_nUnsaid > 0)
+        fmt::print("{} lines were not printed: too many at once\n", m_nUnsaid.load());
     }
     if (m_capture && !m_capture->IsWhole()) {
-      throw CCommandError(kFailed, fmt::format("'{}' could not be written in full", m_options.m_capture));
+      throw CCommandError(kFailed,
+                          fmt::format("'{}' could not be written in full", m_options.m_capture));
     }
   }
 
   static constexpr int32_t kLastPassMs = 200;
 
   const CRunOptions& m_options;
-  CPainter m_painter;
+  const CPainter m_painter;
+  const CPainter m_errors;
   CMessageLoop m_loop;
   CWnd m_frame;
   CTimer m_retry;
@@ -256,7 +265,8 @@ int RunSession(const CRunOptions& options, const CContext& context) {
 
 void AddRunCommand(CLI::App& app, CContext& context) {
   auto options = std::make_shared<CRunOptions>();
-  CLI::App* command = app.add_subcommand("run", "Verify a script, open its line, decode until Ctrl-C");
+  CLI::App* command =
+      app.add_subcommand("run", "Verify a script, open its line, decode until Ctrl-C");
   command->add_option("SCRIPT", options->m_script, "The script")->required();
   command
       ->add_option("--port", options->m_ports,

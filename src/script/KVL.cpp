@@ -185,7 +185,8 @@ int32_t CKVL::Begin(const uint8_t* pInput, int32_t nInputSize) try {
 
 void CKVL::RunFreely() {
   const CStep* step = m_steps.data();
-  while (step != nullptr && m_pParent->m_bRun.load(std::memory_order_relaxed) != 0) {
+  const std::atomic<uint32_t>& run = m_pParent->m_bRun;
+  while (step != nullptr && run.load(std::memory_order_relaxed) != 0) {
     step = step->m_run(*step, m_state);
   }
 }

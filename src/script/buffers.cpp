@@ -1,6 +1,6 @@
 // CAT, CLEAR, COPY and CONV, which work on the contents of buffers.
 #include "script/byte_string.h"
-#include "script/step.h"
+#include "script/number_handlers.h"
 
 namespace kvl {
 namespace {
@@ -41,8 +41,9 @@ void CopyAscending(uint8_t* to, const uint8_t* from, size_t count) {
 
 // Takes what the source has and what the destination has room for. The terminator is written if
 // there is room for it too, so that a buffer can be filled to its last byte.
+template <ESource TCount>
 const CStep* Copy(const CStep& step, CRunState&) {
-  const int32_t count = NarrowToInt32(ReadNumber(step.m_operand[2]));
+  const int32_t count = ReadAs<int32_t, TCount>(step.m_operand[2]);
   const std::span<uint8_t> to = ResolvePlace(step.m_operand[0]);
   const std::span<uint8_t> from = ResolvePlace(step.m_operand[1]);
   if (to.empty() || from.empty()) return &step + 1;
@@ -53,7 +54,25 @@ const CStep* Copy(const CStep& step, CRunState&) {
   return &step + 1;
 }
 
-// Operand 2 of the step is the count, a literal.
+// A count below 1 cuts the string at that place.
+const CStep* Cut(const CStep& step, CRunState&) {
+  const std::span<uint8_t> to = ResolvePlace(step.m_operand[0]);
+  if (!to.empty() && !ResolvePlace(step.m_operand[1]).empty()) to[0] = 0;
+  return &step + 1;
+}
+
+FHandler ChooseCopy(const CBoundOperand& count) {
+  switch (SourceOf(count)) {
+    case ESource::Literal:
+      return count.m_nNumber < 1 ? Cut : Copy<ESource::Literal>;
+    case ESource::Integer:
+      return Copy<ESource::Integer>;
+    default:
+      return Copy<ESource::Any>;
+  }
+}
+
+// m_nNumber is the count.
 const CStep* Conv(const CStep& step, CRunState&) {
   const std::span<uint8_t> from = ResolvePlace(step.m_operand[1]);
   if (from.empty()) return &step + 1;
@@ -93,7 +112,7 @@ void BindCopy(CBinder& binder, const CCommandTable& command, CStep& step) {
     step.m_operand[1] = binder.BindPlace(source);
   }
   step.m_operand[2] = binder.BindCount(command.m_szOperand[2]);
-  step.m_plain = Copy;
+  step.m_plain = ChooseCopy(step.m_operand[2]);
 }
 
 void BindConv(CBinder& binder, const CCommandTable& command, CStep& step) {

@@ -1,7 +1,7 @@
 // Handlers for rows of steps that stand in nearly every decoder, so that one dispatch does the
 // work of several: the test with the jump behind it, the end of a loop, a byte taken and tested,
-// and whole loops that look at one byte after the other. The steps inside a row keep their own
-// handlers, so that a jump may enter it.
+// a pattern found or not, and whole loops that look at one byte after the other. The steps inside a
+// row keep their own handlers, so that a jump may enter it.
 #include <initializer_list>
 
 #include "script/byte_string.h"
@@ -41,6 +41,7 @@ constexpr CFusion Pair() {
 
 using enum ESource;
 constexpr FHandler kCount = Arithmetic<CAddOp, kInteger, Literal>;
+constexpr FHandler kSkip = Arithmetic<CAddOp, kInteger, Integer>;
 constexpr FHandler kTakeByte = Arithmetic<CMoveOp, kByte, ByteElement>;
 constexpr FHandler kTakeInteger = Arithmetic<CMoveOp, kInteger, ByteElement>;
 
@@ -57,6 +58,9 @@ constexpr CFusion kFusions[] = {
     Pair<kTakeByte, CompareAndJump<Byte, Literal>>(),
     Pair<kTakeInteger, CompareAndJump<Integer, Literal>>(),
     Pair<kTakeByte, CompareAndJump<Byte, Byte>>(),
+    Pair<FindByte, CompareAndJump<Integer, Literal>>(),
+    Pair<FindText, CompareAndJump<Integer, Literal>>(),
+    Pair<kSkip, Row<kCount, CompareAndJump<Integer, Integer>>>(),
 };
 
 // A loop over the bytes of a buffer:

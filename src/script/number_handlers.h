@@ -17,9 +17,8 @@ inline ESource SourceOf(const CBoundOperand& operand) {
     if (operand.m_type == kByte) return ESource::Byte;
     return operand.m_type == kInteger ? ESource::Integer : ESource::Double;
   }
-  const bool byteElement = operand.m_kind == EOperand::Element && operand.m_type == kByte &&
-                           operand.m_index == EIndex::Scalar;
-  return byteElement ? ESource::ByteElement : ESource::Any;
+  const bool isByte = operand.m_type == kByte && operand.m_index == EIndex::Scalar;
+  return isByte ? ESource::ByteElement : ESource::Any;
 }
 
 // The index of a ByteElement is a scalar's. As unsigned a negative one is beyond any size.

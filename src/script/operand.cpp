@@ -50,6 +50,10 @@ double EvaluateIndex(const CIndexExpression& expression) {
   return sum;
 }
 
+int32_t NarrowedIndex(const CIndexExpression& expression) {
+  return NarrowToInt32(EvaluateIndex(expression));
+}
+
 double ReadNumber(const CBoundOperand& operand) {
   switch (operand.m_kind) {
     case EOperand::Literal:
@@ -108,7 +112,7 @@ CBoundOperand CBinder::BindPlace(std::string_view text) {
   operand.m_type = static_cast<EElementType>(variable->m_nType);
   operand.m_pData = bytes.data();
   operand.m_nSize = static_cast<int32_t>(bytes.size());
-  if (bracket != text.npos) BindIndex(text, bracket, operand);
+  if (bracket != text.npos && variable->m_nKind != kVar) BindIndex(text, bracket, 1, operand);
   return operand;
 }
 
@@ -118,9 +122,14 @@ CBoundOperand CBinder::BindValue(std::string_view text) {
   if (variable == nullptr || variable->m_nKind == kEqu || variable->m_nKind == kAssign) {
     return LiteralOperand(0);
   }
-  CBoundOperand operand =
-      variable->m_nKind == kVar ? BindScalar(variable->m_szName) : BindBuffer(variable->m_szName);
-  if (bracket != text.npos) BindIndex(text, bracket, operand);
+  if (variable->m_nKind == kVar) return BindScalar(variable->m_szName);
+  CBoundOperand operand = BindBuffer(variable->m_szName);
+  const int32_t element = ElementSize(operand.m_type);
+  if (bracket != text.npos) BindIndex(text, bracket, element, operand);
+  if (operand.m_index != EIndex::None) return operand;
+  if (operand.m_nSize < element) return LiteralOperand(0);
+  operand.m_kind = EOperand::Scalar;
+  operand.m_nSize = element;
   return operand;
 }
 
@@ -161,7 +170,8 @@ CIndexExpression CBinder::BindExpression(std::string_view text, size_t bracket) 
   return expression;
 }
 
-void CBinder::BindIndex(std::string_view text, size_t bracket, CBoundOperand& operand) {
+void CBinder::BindIndex(std::string_view text, size_t bracket, int32_t nElement,
+                        CBoundOperand& operand) {
   CIndexExpression expression = BindExpression(text, bracket);
   // The two common forms, a number and a % variable with a number, need no list of terms.
   double constant = 0;
@@ -183,10 +193,17 @@ void CBinder::BindIndex(std::string_view text, size_t bracket, CBoundOperand& op
     operand.m_pExpression = &m_expressions.emplace_back(std::move(expression));
     return;
   }
-  operand.m_nOffset = NarrowToInt32(constant);
-  if (scalar == nullptr) return;
-  operand.m_index = EIndex::Scalar;
-  operand.m_pIndex = scalar->m_pData;
+  const int32_t offset = NarrowToInt32(constant);
+  if (scalar != nullptr) {
+    operand.m_index = EIndex::Scalar;
+    operand.m_pIndex = scalar->m_pData;
+    operand.m_nOffset = offset;
+  } else if (offset >= 0 && offset < operand.m_nSize / nElement) {
+    operand.m_pData += int64_t{offset} * nElement;
+    operand.m_nSize -= offset * nElement;
+  } else {
+    operand = {};
+  }
 }
 
 CBoundOperand CBinder::BindText(std::string bytes) {

@@ -27,12 +27,12 @@ using CIndexExpression = std::vector<CIndexTerm>;
 enum class EOperand : uint8_t {
   Nothing,  // unknown name, or a form without meaning in this place: no place, the number 0
   Literal,  // m_number
-  Scalar,   // the value at m_pData, of type m_type
+  Scalar,   // the value at m_pData, of type m_type; an element whose index is fixed is one too
   Element,  // one element of the m_nSize bytes at m_pData
 };
 
 enum class EIndex : uint8_t {
-  Constant,    // m_nOffset
+  None,        // m_pData is the place already
   Scalar,      // the integer at m_pIndex plus m_nOffset, which a % variable as index gives
   Expression,  // m_pExpression
 };
@@ -41,7 +41,7 @@ enum class EIndex : uint8_t {
 struct CBoundOperand {
   EOperand m_kind = EOperand::Nothing;
   EElementType m_type = kNoType;
-  EIndex m_index = EIndex::Constant;
+  EIndex m_index = EIndex::None;
   int32_t m_nSize = 0;    // bytes at m_pData
   int32_t m_nOffset = 0;  // of the index; in elements for a number, in bytes for a place
   int32_t m_nNumber = 0;  // m_number, narrowed
@@ -57,19 +57,14 @@ struct CIndexTerm {
 };
 
 double EvaluateIndex(const CIndexExpression& expression);
+int32_t NarrowedIndex(const CIndexExpression& expression);
 
+// Of an operand with an index.
 inline int32_t IndexOf(const CBoundOperand& operand) {
-  switch (operand.m_index) {
-    case EIndex::Constant:
-      return operand.m_nOffset;
-    case EIndex::Scalar:
-      // Wraps as the narrowing of the exact sum does.
-      return static_cast<int32_t>(Load<uint32_t>(operand.m_pIndex) +
-                                  static_cast<uint32_t>(operand.m_nOffset));
-    case EIndex::Expression:
-      return NarrowToInt32(EvaluateIndex(*operand.m_pExpression));
-  }
-  return 0;
+  if (operand.m_index == EIndex::Expression) return NarrowedIndex(*operand.m_pExpression);
+  // Wraps as the narrowing of the exact sum does.
+  return static_cast<int32_t>(Load<uint32_t>(operand.m_pIndex) +
+                              static_cast<uint32_t>(operand.m_nOffset));
 }
 
 // The number that an operand bound by BindNumber, BindValue or BindComparand has now.
@@ -78,10 +73,7 @@ double ReadNumber(const CBoundOperand& operand);
 // The bytes from a place bound by BindPlace to the end of its variable; empty, with a null
 // pointer, if there is no such place.
 inline std::span<uint8_t> ResolvePlace(const CBoundOperand& place) {
-  if (place.m_kind == EOperand::Scalar) {
-    return {place.m_pData, static_cast<size_t>(place.m_nSize)};
-  }
-  if (place.m_kind != EOperand::Element) return {};
+  if (place.m_index == EIndex::None) return {place.m_pData, static_cast<size_t>(place.m_nSize)};
   const int32_t index = IndexOf(place);
   if (index < 0 || index >= place.m_nSize) return {};
   return {place.m_pData + index, static_cast<size_t>(place.m_nSize - index)};
@@ -116,7 +108,8 @@ class CBinder {
   CBoundOperand BindText(std::string bytes);
 
  private:
-  void BindIndex(std::string_view text, size_t bracket, CBoundOperand& operand);
+  // Binds an index that counts elements of `nElement` bytes.
+  void BindIndex(std::string_view text, size_t bracket, int32_t nElement, CBoundOperand& operand);
 
   const CVariableStorage& m_variables;
   std::deque<CIndexExpression> m_expressions;

@@ -64,6 +64,10 @@ KVL_INSTRUCTIONS(KVL_BINDER)
 const CStep* SkipStep(const CStep& step, CRunState& state);
 const CStep* EndStep(const CStep& step, CRunState& state);
 
+// FIND with a pattern of one byte, and of more.
+const CStep* FindByte(const CStep& step, CRunState& state);
+const CStep* FindText(const CStep& step, CRunState& state);
+
 // Binds one record. The target of a jump is set by whoever knows the labels.
 void BindStep(CBinder& binder, const CCommandTable& command, int32_t number, CStep& step);
 

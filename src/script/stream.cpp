@@ -13,9 +13,11 @@ void CopyBatch(const CBoundOperand& buffer, const CRunState& state) {
   const int32_t length = std::min(state.m_nInputSize, buffer.m_nSize - 1);
   if (length < 0) return;
   if (length > 0) std::memcpy(buffer.m_pData, state.m_pInput, static_cast<size_t>(length));
+  buffer.m_pData[length] = 0;
   // Nothing of the old string stays in front of its old end.
-  const int32_t cleared = std::max(length + 1, oldLength);
-  std::memset(buffer.m_pData + length, 0, static_cast<size_t>(cleared - length));
+  if (oldLength > length) {
+    std::memset(buffer.m_pData + length, 0, static_cast<size_t>(oldLength - length));
+  }
 }
 
 const CStep* In(const CStep& step, CRunState& state) {
@@ -24,40 +26,13 @@ const CStep* In(const CStep& step, CRunState& state) {
   return &step + 1;
 }
 
-// Position of a byte other than 0. What stands behind the string's end doesn't count, but is
-// rarely there: so the byte is looked for first, and a zero byte only in front of it.
-int32_t FindByte(const uint8_t* bytes, int32_t size, uint8_t byte) {
-  const void* found = std::memchr(bytes, byte, static_cast<size_t>(size));
-  if (found == nullptr) return kNotFound;
-  const auto position = static_cast<int32_t>(static_cast<const uint8_t*>(found) - bytes);
-  return StringLength(bytes, position) == position ? position : kNotFound;
+void StorePosition(const CBoundOperand& scalar, const char* text, const char* found) {
+  StoreInteger(scalar, found == nullptr ? kNotFound : static_cast<int32_t>(found - text));
 }
 
-int32_t FindPattern(const uint8_t* bytes, int32_t size, const uint8_t* pattern, int32_t count) {
-  if (count == 0) return 0;
-  if (count == 1) return FindByte(bytes, size, pattern[0]);
-  const std::string_view text = AsText(bytes, StringLength(bytes, size));
-  const size_t found = text.find(AsText(pattern, count));
-  return found == text.npos ? kNotFound : static_cast<int32_t>(found);
-}
-
-// Operand 0 is the buffer, 1 the pattern's bytes, 2 the scalar.
-const CStep* Find(const CStep& step, CRunState&) {
-  const CBoundOperand& buffer = step.m_operand[0];
-  const CBoundOperand& pattern = step.m_operand[1];
-  const int32_t size = buffer.m_kind == EOperand::Element ? buffer.m_nSize : 0;
-  StoreInteger(step.m_operand[2],
-               size == 0 && pattern.m_nSize > 0
-                   ? kNotFound
-                   : FindPattern(buffer.m_pData, size, pattern.m_pData, pattern.m_nSize));
-  return &step + 1;
-}
-
-// The pattern is the byte that ends a string, so its position is the string's length.
-const CStep* FindEnd(const CStep& step, CRunState&) {
-  const CBoundOperand& buffer = step.m_operand[0];
-  const int32_t size = buffer.m_kind == EOperand::Element ? buffer.m_nSize : 0;
-  StoreInteger(step.m_operand[2], StringLength(buffer.m_pData, size));
+// The empty pattern stands at the start of every text.
+const CStep* FindNothing(const CStep& step, CRunState&) {
+  StoreInteger(step.m_operand[2], 0);
   return &step + 1;
 }
 
@@ -77,6 +52,27 @@ std::string PatternOf(std::string_view text) {
 
 }  // namespace
 
+// Operand 0 is the text, 1 the pattern, 2 the scalar. The text is a string: a zero byte behind the
+// block ends a buffer that is full. The byte 0 is found at the string's end.
+const CStep* FindByte(const CStep& step, CRunState&) {
+  const auto* const text = reinterpret_cast<const char*>(step.m_operand[0].m_pData);
+  StorePosition(step.m_operand[2], text, std::strchr(text, *step.m_operand[1].m_pData));
+  return &step + 1;
+}
+
+// A pattern of more than one byte.
+const CStep* FindText(const CStep& step, CRunState&) {
+  const auto* const text = reinterpret_cast<const char*>(step.m_operand[0].m_pData);
+  const auto* const pattern = reinterpret_cast<const char*>(step.m_operand[1].m_pData);
+  const auto rest = static_cast<size_t>(step.m_operand[1].m_nSize) - 1;
+  const char* found = std::strchr(text, pattern[0]);
+  while (found != nullptr && std::strncmp(found + 1, pattern + 1, rest) != 0) {
+    found = std::strchr(found + 1, pattern[0]);
+  }
+  StorePosition(step.m_operand[2], text, found);
+  return &step + 1;
+}
+
 void BindIn(CBinder& binder, const CCommandTable& command, CStep& step) {
   step.m_operand[0] = binder.BindBuffer(command.m_szOperand[0]);
   step.m_operand[1] = binder.BindScalar(command.m_szOperand[1]);
@@ -84,19 +80,19 @@ void BindIn(CBinder& binder, const CCommandTable& command, CStep& step) {
 }
 
 void BindFind(CBinder& binder, const CCommandTable& command, CStep& step) {
-  step.m_operand[0] = binder.BindBuffer(command.m_szOperand[0]);
-  step.m_operand[2] = binder.BindScalar(command.m_szOperand[2]);
-  step.m_plain = Find;
   const char* const text = command.m_szOperand[1];
   std::string pattern;
   if (text[0] == '<') {  // one byte, told by the two characters behind
     const char low = text[1] == '\0' ? '\0' : text[2];
-    pattern += static_cast<char>(GetCode16(text[1], low));
-    if (pattern[0] == '\0') step.m_plain = FindEnd;
+    pattern = static_cast<char>(GetCode16(text[1], low));
   } else {
     pattern = PatternOf(QuotedText(text));
   }
+  step.m_plain = pattern.empty() ? FindNothing : pattern.size() == 1 ? FindByte : FindText;
+  step.m_operand[0] = binder.BindBuffer(command.m_szOperand[0]);
+  if (step.m_operand[0].m_kind == EOperand::Nothing) step.m_operand[0] = binder.BindText("");
   step.m_operand[1] = binder.BindText(std::move(pattern));
+  step.m_operand[2] = binder.BindScalar(command.m_szOperand[2]);
 }
 
 }  // namespace kvl

@@ -53,6 +53,11 @@ std::vector<std::string_view> WordsOf(std::string_view strLine) {
   }
 }
 
+std::string Quoted(std::string_view strBefore, std::string_view strWord,
+                   std::string_view strBehind) {
+  return std::string(strBefore).append(strWord).append(strBehind);
+}
+
 // Adds the tag that the words of a line tell. Empty, or the fault.
 std::string AddLine(const std::vector<std::string_view>& words, CTagSet& tags) {
   if (words.size() < 2) return "a tag needs a name and a type";
@@ -65,15 +70,14 @@ std::string AddLine(const std::vector<std::string_view>& words, CTagSet& tags) {
     if (word.m_strWord == words[1]) pType = &word;
   }
   if (pType == nullptr) {
-    return "unknown type '" + std::string(words[1]) +
-           "'; known are byte, int16, int32, float, text";
+    return Quoted("unknown type '", words[1], "'; known are byte, int16, int32, float, text");
   }
   uint32_t nSize = pType->m_nSize;
   const size_t nWanted = nSize == 0 ? 3 : 2;
   if (words.size() < nWanted) return "a text needs its size in bytes";
   if (words.size() > nWanted) {
-    return "'" + std::string(words[nWanted]) + "' is too much" +
-           (nWanted == 2 ? "; only a text has a size" : "");
+    return Quoted("'", words[nWanted],
+                  nWanted == 2 ? "' is too much; only a text has a size" : "' is too much");
   }
   if (nSize == 0) {
     const char* pEnd = words[2].data() + words[2].size();

@@ -1,4 +1,4 @@
-"""Runs the built `kvl` and reads what it prints. The environment names it: KVL."""
+"""Runs the built `kvl` and reads what it prints. The environment variable KVL may name it."""
 
 import json
 import os
@@ -14,7 +14,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 def run(*arguments, stdin=b"", timeout=60):
     """The finished process; its output is bytes."""
-    command = [os.environ["KVL"], *map(str, arguments)]
+    command = [os.environ.get("KVL", ROOT / "build/dev/src/cli/kvl"), *map(str, arguments)]
     return subprocess.run(command, input=stdin, capture_output=True, timeout=timeout)
 
 

@@ -20,7 +20,8 @@ class ScriptsTest(unittest.TestCase):
         with self.subTest(name):
             script = kvl.Script(name, text)
             self.assertTrue(script.runs, "no ;run in it")
-            self.assertEqual(list(script.failures()), [])
+            failures = list(script.failures())
+            self.assertFalse(failures, "\n".join(failures))
 
     def test_scripts_do_what_their_comments_say(self):
         for path in sorted((kvl.ROOT / "tests" / "scripts").glob("*.kvl")):
@@ -34,7 +35,7 @@ class ScriptsTest(unittest.TestCase):
                 self.check(f"language.md:{line}", text)
             else:
                 body = frame.partition("BEGIN:\n")[0] + "BEGIN:\n" + text + "END:\n"
-                body += "" if ";run" in text else ";run --no-check\n"
+                body += "" if ";run" in text else ";run\n"
                 self.check(f"language.md:{line}", body)
 
     def test_guide_has_a_section_for_every_instruction(self):

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <thread>
@@ -113,6 +114,17 @@ TEST(NamedSection, OutlivesItsOpenersAndKeepsItsSize) {
   EXPECT_FALSE(CNamedSection(strName, 100, kCreate, kPrivate).Existed());
 }
 
+TEST(NamedSection, IsNotMadeWithoutRoomForIt) {
+  CChild crowded([] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit little{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &little);
+    return CNamedSection(UniqueName("full"), 8192, kCreate, kPrivate).Error() == kErrorDiskFull ? 0
+                                                                                                : 1;
+  });
+  EXPECT_EQ(0, crowded.Join());
+}
+
 TEST(NamedSection, TellsThatItWasCutShort) {
   const std::string strName = UniqueName("cut");
   const CNamedSection section(strName, 8192, kCreate, kOwner);
@@ -130,7 +142,10 @@ TEST(NamedSemaphore, RefusesTheThreadThatHoldsIt) {
   ASSERT_EQ(ETaken::kYes, first.Take());
   EXPECT_EQ(ETaken::kNo, second.Take());
   EXPECT_EQ(kErrorDeadlock, second.Error());
-  std::thread other([&] { EXPECT_EQ(ETaken::kYes, second.Take()), second.Release(); });
+  std::thread other([&] {
+    EXPECT_EQ(ETaken::kYes, second.Take());
+    second.Release();
+  });
   first.Release();
   other.join();
 }

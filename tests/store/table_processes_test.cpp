@@ -101,8 +101,10 @@ TEST_F(CTableProcesses, AKilledWriterStopsNobody) {
     const CSignalPipe started;
     CChild writer([&] {
       CSession session(m_table.Name(), m_names);
-      if (nRound % 3 == 2) started.Send();
-      for (uint32_t i = 0; nRound % 3 == 2; ++i) session.Put(i % kTags, SelfChecking(i % 90));
+      if (nRound % 3 == 2) {
+        started.Send();
+        for (uint32_t i = 0;; ++i) session.Put(i % kTags, SelfChecking(i % 90));
+      }
       const CSemaphoreHold outer(session.m_lock);
       if (nRound % 3 == 0) {
         started.Send();
@@ -127,6 +129,21 @@ TEST_F(CTableProcesses, AKilledWriterStopsNobody) {
   std::vector<CTagImage> tags;
   EXPECT_TRUE(CTableOwner(m_table.Name()).List(tags));
   EXPECT_EQ(kTags, tags.size());
+}
+
+TEST_F(CTableProcesses, ASectionCutShortIsRefusedWhereItIsSearched) {
+  CSession session(m_table.Name(), {});
+  const auto pTag = session.m_store.BindTag(m_names[0]);
+  const std::string strFile =
+      "/dev/shm/kvl-" + std::to_string(geteuid()) + "/" + m_table.Name() + ".section";
+  ASSERT_EQ(0, truncate(strFile.c_str(), kTableSize - 1));
+  EXPECT_FALSE(CValueAccess(session.m_store, *pTag));
+  EXPECT_EQ(kErrorDamaged, session.m_store.LastError());
+  std::vector<CTagImage> tags;
+  CTableOwner owner(m_table.Name());
+  ASSERT_EQ(0, truncate(strFile.c_str(), 300));
+  EXPECT_FALSE(owner.List(tags));
+  EXPECT_EQ(kErrorDamaged, owner.LastError());
 }
 
 // Sessions run on while the table is removed and laid anew: they lose the tags, find them again,

@@ -1,0 +1,114 @@
+"""The tools of a script's author: `kvl fmt`, `kvl test` and `kvl new`."""
+
+import json
+import pathlib
+import tempfile
+import unittest
+
+import kvl
+
+UNTIDY = b"VAR N% 0;count\nBEGIN:\nIN  B,N\nMOVE N,1"
+TIDY = b"VAR N% 0  ;count\nBEGIN:\n    IN B, N\nMOVE N,1"
+ECHO = """DIM BUF$ 16
+VAR LEN% 0
+BEGIN:
+    IN BUF, LEN
+    PRINT BUF
+END:
+"""
+
+
+class ToolsTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def file(self, name, content):
+        path = self.folder / name
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        return path
+
+    def exit(self, code, *arguments, stdin=b""):
+        process = kvl.run(*arguments, stdin=stdin)
+        self.assertEqual(process.returncode, code, process.stderr)
+        return process
+
+    def test_fmt_prints_checks_and_writes(self):
+        script = self.file("a.kvl", UNTIDY)
+        script.chmod(0o640)
+        link = self.folder / "link.kvl"
+        link.symlink_to(script)
+        self.assertEqual(self.exit(0, "fmt", script).stdout, TIDY)
+        process = self.exit(0, "fmt", "-", stdin=UNTIDY)
+        self.assertEqual(process.stdout, TIDY)
+        self.assertIn(b"-:4: warning: ", process.stderr)
+        self.assertEqual(self.exit(1, "fmt", "--check", script).stdout, f"{script}\n".encode())
+        self.assertEqual(script.read_bytes(), UNTIDY)
+        self.exit(0, "fmt", "--write", link)
+        self.assertEqual(script.read_bytes(), TIDY)
+        self.assertEqual(script.stat().st_mode & 0o777, 0o640)
+        self.assertTrue(link.is_symlink())
+        self.assertEqual(self.exit(0, "fmt", "--check", script).stdout, b"")
+        seen = json.loads(self.exit(0, "fmt", "--check", "--json", script).stdout)
+        self.assertEqual((seen["changed"], seen["kept"][0]["line"]), (False, 4))
+
+    def test_fmt_writes_nothing_if_a_name_is_wrong(self):
+        script = self.file("a.kvl", UNTIDY)
+        self.exit(2, "fmt", "--write", script, self.folder / "missing.kvl")
+        self.exit(2, "fmt", "--write", script, "-")
+        self.exit(2, "fmt", script, script)
+        self.assertEqual(script.read_bytes(), UNTIDY)
+        self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["a.kvl"])
+
+    def test_golden_cases(self):
+        script = self.file("echo.kvl", ECHO)
+        self.file("echo.tests/options", "# every case\n--no-check --lines")
+        self.file("echo.tests/lines.txt", b"ab\ncd")
+        self.file("echo.tests/values.input", b"ab\ncd")
+        self.file("echo.tests/values.options", "--values LEN,BUF\n")
+        self.file("echo.tests/batches.options", "--batch 61")
+        self.file("echo.tests/notes.md", "nobody's")
+        self.assertIn(b"0 passed, 3 failed", self.exit(1, "test", self.folder).stdout)
+        self.assertIn(b"3 updated, 0 failed", self.exit(0, "test", "--update", script).stdout)
+        self.assertIn(b"3 passed, 0 failed", self.exit(0, "test", self.folder).stdout)
+        tests = self.folder / "echo.tests"
+        expected = (tests / "lines.expected").read_text()
+        replayed = kvl.run("replay", "--json", "--no-check", "--lines", script, tests / "lines.txt")
+        self.assertEqual(expected, replayed.stdout.decode())
+        values = tests / "values.expected"
+        self.assertEqual(
+            values.read_text(),
+            '{"variable":"LEN","value":2}\n{"variable":"BUF","value":"cd"}\n',
+        )
+        values.write_text('{"value": 2, "variable": "LEN"}\r\n{"variable":"BUF","value":"cx"}\n')
+        (tests / "lines.expected").write_text(expected + "{}\n")
+        output = self.exit(1, "test", self.folder).stdout.decode()
+        self.assertIn("lines: line 4 is not as expected", output)
+        self.assertIn("values: line 2 is not as expected", output)
+        self.assertIn('value: "cx" -> "cd"', output)
+        *_, last, counts = map(json.loads, self.exit(1, "test", "--json", script).stdout.splitlines())
+        self.assertEqual((last["case"], last["line"]), ("values", 2))
+        self.assertEqual(counts, {"passed": 1, "updated": 0, "failed": 2})
+
+    def test_golden_cases_that_can_not_run(self):
+        self.exit(1, "test", self.folder)  # no tests at all
+        self.exit(2, "test", self.folder / "missing")
+        self.file("loop.kvl", "VAR N% 0\nBEGIN:\n    INC N\n    JP BEGIN\nEND:\n")
+        self.file("loop.tests/endless.expected", "")
+        for options, message in [
+            ("", b'"event":"limit"'),
+            ("--frobnicate", b"in the case's options"),
+            ("--values NOBODY", b"NOBODY"),
+        ]:
+            self.file("loop.tests/options", options + " --no-check")
+            self.assertIn(message, self.exit(1, "test", self.folder).stdout)
+        self.file("loop.tests/options", "--no-check")
+        self.file("loop.tests/endless.a", "")
+        self.file("loop.tests/endless.b", "")
+        self.assertIn(b"captures of one case", self.exit(1, "test", self.folder).stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
