@@ -89,7 +89,7 @@ std::string Describe(const fs::path& entry) {
     const std::string product = FirstLine(dir / "product");
     if (!product.empty()) {
       const std::string maker = FirstLine(dir / "manufacturer");
-      return maker.empty() ? product : maker + " " + product;
+      return maker.empty() ? product : std::string(maker).append(" ").append(product);
     }
     dir = dir.parent_path();
   }
@@ -117,6 +117,7 @@ std::vector<SerialPortInfo> ListSerialPortsIn(const fs::path& classDir, const fs
     return OrderKey(left) < OrderKey(right);
   });
   std::vector<SerialPortInfo> ports;
+  ports.reserve(names.size());
   for (const std::string& name : names) {
     ports.push_back({"COM" + std::to_string(ports.size() + 1), (deviceDir / name).string(),
                      FindAlias(deviceDir / "serial" / "by-id", deviceDir / name),
