@@ -90,7 +90,7 @@ void PrintSource(const CFault& fault, std::string_view chunk, int32_t line,
                  const CPainter& painter) {
   chunk = chunk.substr(0, chunk.find_first_of("\r\n"));
   const std::vector<CSpan> words = FindWords(chunk, fault.m_place == EFaultPlace::MainLine);
-  const auto at = static_cast<size_t>(fault.m_nOperand + 1);
+  const auto at = static_cast<size_t>(fault.m_nOperand) + 1;
   const CSpan word = at < words.size() ? words[at] : CSpan{};
   const size_t before = WidthOf(Shown(chunk.substr(0, word.m_nBegin)));
   const size_t width = WidthOf(Shown(chunk.substr(word.m_nBegin, word.m_nEnd - word.m_nBegin)));

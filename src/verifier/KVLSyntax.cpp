@@ -129,7 +129,7 @@ const CLabelTable* CKVLSyntax::FindLabelTable(const char* pszName) const {
   return m_listLabel.Find(ViewOf(pszName));
 }
 
-int32_t CKVLSyntax::GetKeywordMacro(std::string strWord) const {
+int32_t CKVLSyntax::GetKeywordMacro(std::string_view strWord) const {
   return KeywordNumber(strWord);
 }
 

@@ -51,6 +51,7 @@ class KVL_API CKVLSyntax {
   CKVLSyntax(const CKVLSyntax&) = delete;
   CKVLSyntax& operator=(const CKVLSyntax&) = delete;
 
+  // NOLINTBEGIN(bugprone-reserved-identifier): the compile passes have names of the language's own.
   // Reads a script, checks its declarations and header, and collects its main lines. Returns
   // their number, or -1, with a message, if the file can't be read.
   int32_t LoadScript(const char* pszPath);
@@ -64,6 +65,7 @@ class KVL_API CKVLSyntax {
   // Checks and carries out the declaration whose tokens stand in m_saToken. `nIndex` is the
   // 0-based number of its chunk. 0 if it is accepted or empty, -1 if it drew a message.
   int32_t _CompileVariableScript(int32_t nIndex);
+  // NOLINTEND(bugprone-reserved-identifier)
   std::vector<std::string> m_saToken;
 
   // The faults in the order in which they were found; none means that the script passed.
@@ -85,7 +87,7 @@ class KVL_API CKVLSyntax {
   const CVariableTable* FindVariableTable(const char* pszName) const;
   const CLabelTable* FindLabelTable(const char* pszName) const;
   // 1 to 31, or 0 if the word is no keyword.
-  int32_t GetKeywordMacro(std::string strWord) const;
+  int32_t GetKeywordMacro(std::string_view strWord) const;
 
   // Operand texts. No variable has a value here: each counts as 0.
   // The kind of the variable, 1 to 4, or -1; NAME or NAME[index], the index unlooked at.

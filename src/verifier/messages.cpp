@@ -32,7 +32,7 @@ std::string FillMessage(std::string_view text, std::string_view operand) {
 std::string FormatMessage(EMessage message, int32_t line, std::string_view operand) {
   static const CEncodedTexts texts = EncodeTexts();
   std::string formatted = "error : ";
-  if (line != kNoLine) formatted += "line " + std::to_string(line) + ", ";
+  if (line != kNoLine) formatted.append("line ").append(std::to_string(line)).append(", ");
   return formatted += FillMessage(texts[static_cast<size_t>(message)], operand);
 }
 

@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds kSettle{50};
 
 }  // namespace
 
-struct CFileWatch::Impl : CLoopResource, std::enable_shared_from_this<CFileWatch::Impl> {
+struct CFileWatch::Impl final : CLoopResource, std::enable_shared_from_this<CFileWatch::Impl> {
   std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
   std::optional<asio::posix::stream_descriptor> events;
   std::optional<asio::steady_timer> settle;
