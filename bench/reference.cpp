@@ -1,4 +1,5 @@
 // The same decoders by hand: what a C++ programmer writes, compiled with -O2.
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <string_view>
@@ -114,11 +115,11 @@ class CLines : public CPeer {
  protected:
   void Take(const char* line, const char* end) {
     const size_t size = std::min(static_cast<size_t>(end - line), sizeof m_szLine - 1);
-    std::memcpy(m_szLine, line, size);
+    std::copy_n(line, size, m_szLine);
     m_szLine[size] = '\0';
   }
 
-  char m_szLine[129] = {};
+  char m_szLine[256] = {};
   std::ptrdiff_t m_nTaken = 0;  // bytes of whole lines
 };
 

@@ -41,7 +41,6 @@ constexpr CFusion Pair() {
 
 using enum ESource;
 constexpr FHandler kCount = Arithmetic<CAddOp, kInteger, Literal>;
-constexpr FHandler kSkip = Arithmetic<CAddOp, kInteger, Integer>;
 constexpr FHandler kTakeByte = Arithmetic<CMoveOp, kByte, ByteElement>;
 constexpr FHandler kTakeInteger = Arithmetic<CMoveOp, kInteger, ByteElement>;
 
@@ -60,7 +59,6 @@ constexpr CFusion kFusions[] = {
     Pair<kTakeByte, CompareAndJump<Byte, Byte>>(),
     Pair<FindByte, CompareAndJump<Integer, Literal>>(),
     Pair<FindText, CompareAndJump<Integer, Literal>>(),
-    Pair<kSkip, Row<kCount, CompareAndJump<Integer, Integer>>>(),
 };
 
 // A loop over the bytes of a buffer:
@@ -195,6 +193,31 @@ bool FuseLoop(CStep* steps, size_t count) {
          FuseScan<CScan<true, CAddOp>>(steps, count) || FuseScan<CScan<true, CXorOp>>(steps, count);
 }
 
+// On past what was found, as one sum: each store that another load waits for costs more than the
+// work.
+//
+//         ADD AT, POS
+//         INC AT
+//         CMP AT, LEN
+//         JPL NEXT
+const CStep* Skip(const CStep& step, CRunState& state) {
+  const CStep* const steps = &step;
+  uint8_t* const to = step.m_operand[0].m_pData;
+  const auto more = static_cast<uint32_t>(steps[1].m_operand[1].m_nNumber);
+  Store(to, Load<uint32_t>(to) + Load<uint32_t>(step.m_operand[1].m_pData) + more);
+  return CompareAndJump<Integer, Integer>(steps[2], state);
+}
+
+bool FuseSkip(CStep* steps, size_t count) {
+  if (count < 4 || steps[0].m_plain != Arithmetic<CAddOp, kInteger, Integer> ||
+      steps[1].m_run != Row<kCount, CompareAndJump<Integer, Integer>> ||
+      steps[0].m_operand[0].m_pData != steps[1].m_operand[0].m_pData) {
+    return false;
+  }
+  steps[0].m_run = Skip;
+  return true;
+}
+
 void FusePair(CStep* steps, size_t count) {
   if (count < 2) return;
   for (const CFusion& fusion : kFusions) {
@@ -209,7 +232,8 @@ void FusePair(CStep* steps, size_t count) {
 
 void FuseSteps(CStep* steps, size_t count) {
   for (size_t i = count; i-- > 0;) {
-    if (!FuseLoop(steps + i, count - i)) FusePair(steps + i, count - i);
+    CStep* const from = steps + i;
+    if (!FuseLoop(from, count - i) && !FuseSkip(from, count - i)) FusePair(from, count - i);
   }
 }
 

@@ -8,16 +8,21 @@ namespace {
 
 constexpr int32_t kNotFound = -1;  // what no position is; a $ scalar can't show it
 
+// Nothing of the old string stays in front of its old end. One that ended at `length` or before
+// shows a zero byte there, or is looked at byte by byte.
+void ClearBehind(uint8_t* bytes, int32_t length, int32_t size) {
+  if (bytes[length] == 0) return;
+  const int32_t oldLength = StringLength(bytes, size);
+  if (oldLength <= length) return;
+  std::memset(bytes + length, 0, static_cast<size_t>(oldLength - length));
+}
+
 void CopyBatch(const CBoundOperand& buffer, const CRunState& state) {
-  const int32_t oldLength = StringLength(buffer.m_pData, buffer.m_nSize);
   const int32_t length = std::min(state.m_nInputSize, buffer.m_nSize - 1);
   if (length < 0) return;
+  ClearBehind(buffer.m_pData, length, buffer.m_nSize);
   if (length > 0) std::memcpy(buffer.m_pData, state.m_pInput, static_cast<size_t>(length));
   buffer.m_pData[length] = 0;
-  // Nothing of the old string stays in front of its old end.
-  if (oldLength > length) {
-    std::memset(buffer.m_pData + length, 0, static_cast<size_t>(oldLength - length));
-  }
 }
 
 const CStep* In(const CStep& step, CRunState& state) {
