@@ -15,6 +15,7 @@ void SetUpApp(CLI::App& app, CContext& context) {
   app.fallthrough();
   AddCheckCommand(app, context);
   AddFmtCommand(app, context);
+  AddNewCommand(app, context);
   AddPortsCommand(app, context);
   AddReplayCommand(app, context);
   AddRunCommand(app, context);

@@ -37,6 +37,7 @@ void SetUpApp(CLI::App& app, CContext& context);
 
 void AddCheckCommand(CLI::App& app, CContext& context);
 void AddFmtCommand(CLI::App& app, CContext& context);
+void AddNewCommand(CLI::App& app, CContext& context);
 void AddPortsCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
 void AddRunCommand(CLI::App& app, CContext& context);

@@ -109,6 +109,26 @@ class ToolsTest(unittest.TestCase):
         self.file("loop.tests/endless.b", "")
         self.assertIn(b"captures of one case", self.exit(1, "test", self.folder).stderr)
 
+    def test_new_scripts_are_tidy_and_run(self):
+        for option, media in [("--serial", b"RS232C"), ("--tcp", b"TCP")]:
+            script = self.folder / f"{option[2:]}.kvl"
+            self.exit(0, "new", script, option)
+            self.assertRegex(script.read_bytes(), rb"OPEN MEDIA +" + media)
+            self.exit(0, "check", script)
+            self.exit(0, "fmt", "--check", script)
+            events = kvl.replay(script, "--batch", "31322e350d", "--batch", "0a372e350d0a")
+            self.assertEqual([event["pass"] for event in events[:-1]], [2, 2])
+            values = {variable["name"]: kvl.value(variable) for variable in events[-1]["variables"]}
+            self.assertEqual(values["VALUE"], "7.5")
+            script.write_bytes(b"mine")
+            self.exit(1, "new", script)
+            self.assertEqual(script.read_bytes(), b"mine")
+            self.exit(0, "new", "--force", script)
+            self.exit(0, "check", script)
+        self.exit(0, "new", self.folder / "a\nBEGIN:.kvl")
+        self.exit(0, "check", self.folder / "a\nBEGIN:.kvl")
+        self.exit(1, "new", self.folder / "no folder" / "a.kvl")
+
 
 if __name__ == "__main__":
     unittest.main()
