@@ -55,11 +55,13 @@ TEST_F(CDecodeCtrlTest, ScriptWithoutAnOpenableLineStartsNothing) {
 
 TEST_F(CDecodeCtrlTest, FailedVerificationLeavesARunningSessionAlone) {
   StartSerial(kPrintBatches);
+  LineSends("here");
+  ASSERT_TRUE(ReachesPrints(1));
   script.Write("OPEN MEDIA TCP\nBEGIN:\nADD\nEND:\n");
   EXPECT_EQ(control.VerifyScript(), -1);
   EXPECT_EQ(control.Run(), -1);
   LineSends("still here");
-  EXPECT_TRUE(ReachesPrints(1));
+  EXPECT_TRUE(ReachesPrints(2));
 }
 
 TEST_F(CDecodeCtrlTest, SecondRunStopsTheFirstAndStartsAfresh) {

@@ -37,8 +37,8 @@ class StopTest : public SessionTest {
 };
 
 constexpr const char* kFlood =
-    "DIM B$ 256\nVAR I% 0\nVAR C$ 46\nBEGIN:\nCMP I, 256\nJPGE SEND\nFILL:\nMOVE B[I], C\nINC I\n"
-    "CMP I, 256\nJPL FILL\nSEND:\nOUT B\nEND:\n";
+    "BEGIN:\nOUT \"a line that takes nothing more holds up whoever writes to it, but not Stop\"\n"
+    "END:\n";
 
 struct CScriptState {
   const char* name;
