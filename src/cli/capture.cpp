@@ -13,7 +13,7 @@ CCaptureFile::CCaptureFile(const std::string& path) : m_pFile(std::fopen(path.c_
   if (m_pFile == nullptr) {
     throw CCommandError(kUsage, fmt::format("'{}' can't be written", path));
   }
-  fmt::print(m_pFile, "{}\n", kCaptureHead);
+  m_bWhole = std::fprintf(m_pFile, "%s\n", kCaptureHead) > 0;
 }
 
 CCaptureFile::~CCaptureFile() {

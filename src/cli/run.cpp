@@ -63,9 +63,10 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
       : m_options(options),
         m_painter(context.m_color, CPainter::EStream::Output),
         m_errors(context.m_color, CPainter::EStream::Error),
-        m_loop(CMessageLoop::Current()) {
-    if (!options.m_capture.empty()) m_capture.emplace(options.m_capture);
-  }
+        m_loop(CMessageLoop::Current()) {}
+
+  // The members that the worker reports to are gone before the base class could stop it.
+  ~CRunHost() override { Stop(); }
 
   int Work() {
     if (m_frame.Create(0, RECT{0, 0, 1, 1}, nullptr, 0) == 0 ||
@@ -74,12 +75,13 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     }
     SetObserver(this);
     SetScriptName(m_options.m_script.c_str());
-    if (VerifyScript() != 0) return ReportFaults(*GetSyntax());
+    if (VerifyScript() != 0) return ReportFaults();
     if (GetCom().nMedia != kMediaSerial && GetCom().nMedia != kMediaTcp) {
       throw CCommandError(kFailed,
                           "the script names no line that can be opened: it needs OPEN "
                           "MEDIA RS232C or OPEN MEDIA TCP");
     }
+    if (!m_options.m_capture.empty()) m_capture.emplace(m_options.m_capture);
     const CInterruptWatch interrupts([this] { m_loop.Quit(); });
     m_nStart = GetTickCount();
     if (CDecodeCtrl::Run() != 0) LineFailed(fmt::format("{} can't be opened", DeviceText()));
@@ -91,9 +93,9 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   }
 
  private:
-  // Prints the verifier's list.
-  int ReportFaults(const CKVLSyntax& syntax) const {
-    PrintFaults(m_options.m_script, syntax, LanguageOf(""), m_errors);
+  int ReportFaults() const {
+    if (GetSyntax() == nullptr) throw CCommandError(kFailed, "there is no memory for the script");
+    PrintFaults(m_options.m_script, *GetSyntax(), LanguageOf(""), m_errors);
     return kFailed;
   }
 
@@ -134,7 +136,8 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
 
   void LineIsUp(const char* state, std::string_view text) {
     m_bReconnecting = false;
-    m_backoff.Reset();
+    m_nUpSince = GetTickCount();
+    m_nReceivedBefore = m_nReceived;
     State(state, text);
   }
 
@@ -147,6 +150,10 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
       m_retry.Start(kLastPassMs, [this] { m_loop.Quit(); });
       return;
     }
+    // A line that takes every call and hangs up at once must not be called twice a second for ever.
+    const bool hasServed = m_nReceived != m_nReceivedBefore ||
+                           (m_nUpSince != 0 && GetTickCount() - m_nUpSince >= kSteadyMs);
+    if (!m_bReconnecting && hasServed) m_backoff.Reset();
     if (!m_bReconnecting) State("reconnecting", reason);
     m_bReconnecting = true;
     m_retry.Start(m_backoff.NextMs(), [this] { Retry(); });
@@ -225,6 +232,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   }
 
   static constexpr int32_t kLastPassMs = 200;
+  static constexpr int32_t kSteadyMs = 10000;
 
   const CRunOptions& m_options;
   const CPainter m_painter;
@@ -234,6 +242,8 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   CTimer m_retry;
   CBackoff m_backoff;
   bool m_bReconnecting = false;
+  int64_t m_nUpSince = 0;
+  uint64_t m_nReceivedBefore = 0;  // when the line came up last
   int m_exit = kDone;
   int64_t m_nStart = 0;
   std::optional<CCaptureFile> m_capture;

@@ -1,10 +1,11 @@
 #include "control/DecodeCtrl.h"
 
 #include <algorithm>
+#include <new>
 
 #include "control/socket_texts.h"
 #include "platform/clock.h"
-#include "platform/message_loop.h"
+#include "platform/last_error.h"
 #include "platform/thread.h"
 #include "script/decimal.h"
 
@@ -15,49 +16,40 @@ constexpr int32_t kReadSize = 2048;
 constexpr uint32_t kMsgPortLost = 0x465;  // posted by the worker to the control
 constexpr int32_t kMaxPortNumber = 99;    // what COMM::szPort has room for
 constexpr int32_t kMaxBusyPasses = 64;
+constexpr int32_t kMaxReadsPerTurn = 128;  // so that a flood does not keep the script from running
+constexpr int32_t kRetryMs = 50;           // before trying again what had no memory or no room
+constexpr int32_t kSockErrNoBuffers = 10055;
 
 int32_t ErrorOf(LPARAM lParam) {
   return static_cast<int32_t>(lParam >> 16 & 0xFFFF);
 }
 
+// No exception leaves the control: what the system has no memory or no thread for has failed.
+template <typename Work>
+int32_t Guarded(Work work) noexcept {
+  try {
+    return work();
+  } catch (...) {
+    return -1;
+  }
+}
+
 }  // namespace
 
-// The socket of a session as the engine sees it. The control makes and closes sockets on its own
-// thread while the worker writes: the worker writes to the one that is there, or to none.
-class CDecodeCtrl::CSocketLine : public CLine {
- public:
-  bool IsOpen() const override {
-    const std::shared_ptr<CClientSock> socket = Get();
-    return socket != nullptr && socket->IsOpen();
-  }
-  int32_t Write(const uint8_t* pBytes, int32_t nCount) override {
-    const std::shared_ptr<CClientSock> socket = Get();
-    return socket == nullptr ? 0 : socket->Write(pBytes, nCount);
-  }
-  void Interrupt() override {
-    if (const std::shared_ptr<CClientSock> socket = Get()) socket->Interrupt();
-  }
-
-  std::shared_ptr<CClientSock> Get() const {
-    const std::lock_guard lock(m_cs);
-    return m_pClientSock;
-  }
-  std::shared_ptr<CClientSock> Replace(std::shared_ptr<CClientSock> socket) {
-    const std::lock_guard lock(m_cs);
-    m_pClientSock.swap(socket);
-    return socket;
-  }
-
- private:
-  mutable std::mutex m_cs;
-  std::shared_ptr<CClientSock> m_pClientSock;
-};
-
-CDecodeCtrl::CDecodeCtrl() : m_pSocketLine(std::make_unique<CSocketLine>()) {}
+CDecodeCtrl::CDecodeCtrl() = default;
 
 CDecodeCtrl::~CDecodeCtrl() {
-  m_pObserver = nullptr;  // its owner may be half gone by now
-  Stop();
+  StopWorker();
+  m_pObserver = nullptr;
+  CDecodeCtrl::Stop();
+}
+
+void CDecodeCtrl::SetScriptName(const char* szPath) {
+  try {
+    m_strScriptName = szPath == nullptr ? "" : szPath;
+  } catch (const std::bad_alloc&) {
+    m_strScriptName.clear();  // better no script than the one before
+  }
 }
 
 int32_t CDecodeCtrl::Create(CWnd* pParent, const RECT& rect, uint32_t nID) {
@@ -84,89 +76,96 @@ LRESULT CDecodeCtrl::WindowProc(uint32_t nMessage, WPARAM wParam, LPARAM lParam)
     case kMsgSocketClose:
       return OnCloseSocket(wParam, lParam);
     case kMsgPortLost:
-      Tell(ESessionStatus::Lost, m_comm.szPort);
+      // A message of an earlier session says nothing about the port of this one.
+      if (m_pKVL != nullptr && m_port.Get() == nullptr)
+        Tell(ESessionStatus::Lost, m_commPort.szPort);
       return 0;
     default:
       return CStatic::WindowProc(nMessage, wParam, lParam);
   }
 }
 
-void CDecodeCtrl::Tell(ESessionStatus status, std::string_view text) {
-  if (m_pObserver != nullptr) m_pObserver->OnStatus(status, text);
+void CDecodeCtrl::Tell(ESessionStatus status, std::string_view text) noexcept {
+  if (m_pObserver == nullptr) return;
+  Guarded([&] {
+    m_pObserver->OnStatus(status, text);
+    return 0;
+  });
 }
 
 int32_t CDecodeCtrl::VerifyScript() {
   m_bVerified = false;
-  m_pSyntax = std::make_unique<CKVLSyntax>(&m_session);
-  m_pSyntax->_CompileMainScript1(m_pSyntax->LoadScript(m_strScriptName.c_str()));
-  m_pSyntax->_VerifyMainScript();
-  if (m_pSyntax->GetErrorCount() > 0) return -1;
-  m_pSyntax->GetCom(&m_comm);
-  m_pSyntax->GetTableName(m_strTableName);
-  m_pSyntax.reset();
-  m_bVerified = true;
-  return 0;
+  return Guarded([this] {
+    m_pSyntax = std::make_unique<CKVLSyntax>(&m_session);
+    m_pSyntax->_CompileMainScript1(m_pSyntax->LoadScript(m_strScriptName.c_str()));
+    m_pSyntax->_VerifyMainScript();
+    if (m_pSyntax->GetErrorCount() > 0) return -1;
+    m_pSyntax->GetCom(&m_comm);
+    m_pSyntax->GetTableName(m_strTableName);
+    m_pSyntax.reset();
+    m_bVerified = true;
+    return 0;
+  });
 }
 
 int32_t CDecodeCtrl::StartSession() {
   if (!m_bVerified) return -1;
   Stop();
+  if (m_pKVL != nullptr) return -1;  // who heard of the stop has started another session
   m_session.m_pObserver = m_pObserver;
   m_session.m_hControl = GetSafeHwnd();
-  m_session.m_nControlID = static_cast<uintptr_t>(GetDlgCtrlID());
+  m_session.m_nControlID = static_cast<uint32_t>(GetDlgCtrlID());
   m_pKVL = std::make_unique<CKVL>(&m_session, m_strTableName.c_str());
-  m_bLoaded = false;
   return 0;
 }
 
 int32_t CDecodeCtrl::Run() {
-  if (StartSession() != 0) return -1;
-  m_nInterface = static_cast<uint32_t>(m_comm.nMedia);
-  if (m_comm.nMedia == kMediaSerial) return OpenPort(this);
-  if (m_comm.nMedia == kMediaTcp) {
+  return Guarded([this] {
+    if (StartSession() != 0) return -1;
+    m_nInterface = static_cast<uint32_t>(m_comm.nMedia);
+    if (m_comm.nMedia == kMediaSerial) {
+      m_commPort = m_comm;
+      return OpenPort(this);
+    }
+    if (m_comm.nMedia != kMediaTcp) return 0;
     m_strHost = m_comm.szIP;
     m_nPort = ParseInteger(m_comm.szPort);
     m_pKVL->SetInterface(kMediaTcp);
-    m_pKVL->SetLine(kMediaTcp, m_pSocketLine.get());
+    m_pKVL->SetLine(kMediaTcp, &m_socket);
     OpenSocket();
-  }
-  return 0;
+    return 0;
+  });
 }
 
 int32_t CDecodeCtrl::Run(int32_t nPort, int32_t nDataBit, int32_t nBaudRate, int32_t nParityBit,
                          int32_t nStopBit) {
-  if (nPort < 1 || nPort > kMaxPortNumber || StartSession() != 0) return -1;
-  const std::string port = "COM" + std::to_string(nPort);
-  m_comm.szPort[port.copy(m_comm.szPort, sizeof m_comm.szPort - 1)] = '\0';
-  m_comm.nDataBit = nDataBit;
-  m_comm.nBaudRate = nBaudRate;
-  m_comm.nParityBit = nParityBit;
-  m_comm.nStopBit = nStopBit;
-  m_nInterface = kMediaSerial;  // an earlier session may have left it at TCP
-  return OpenPort(nullptr);
+  return Guarded([=, this] {
+    if (nPort < 1 || nPort > kMaxPortNumber || StartSession() != 0) return -1;
+    const std::string port = "COM" + std::to_string(nPort);
+    m_comm.szPort[port.copy(m_comm.szPort, sizeof m_comm.szPort - 1)] = '\0';
+    m_comm.nDataBit = nDataBit;
+    m_comm.nBaudRate = nBaudRate;
+    m_comm.nParityBit = nParityBit;
+    m_comm.nStopBit = nStopBit;
+    m_nInterface = kMediaSerial;  // an earlier session may have left it at TCP
+    m_commPort = m_comm;
+    return OpenPort(nullptr);
+  });
 }
 
 int32_t CDecodeCtrl::OpenPort(CWnd* pOwner) {
-  auto port = std::make_unique<CRS232Ctrl>(pOwner);
-  if (port->Open(&m_comm) == 0) return -1;
-  m_pRS232 = std::move(port);
-  m_bPortLost = false;
+  auto port = std::make_shared<CRS232Ctrl>(pOwner);
+  if (port->Open(&m_commPort) == 0) return -1;
   m_pKVL->SetInterface(kMediaSerial);
-  m_pKVL->SetListenObject(m_pRS232.get());
-  Tell(ESessionStatus::Opened, m_comm.szPort);
-  StartWorker();
+  m_pKVL->SetLine(kMediaSerial, &m_port);
+  m_port.Replace(std::move(port));
+  if (!StartWorker()) {
+    m_port.Replace(nullptr);
+    return -1;
+  }
+  m_session.Wake();  // a worker that has been without a port waits for nothing else
+  Tell(ESessionStatus::Opened, m_commPort.szPort);
   return 0;
-}
-
-int32_t CDecodeCtrl::OnReopenPort() {
-  if (m_pKVL == nullptr || m_nInterface != kMediaSerial) return -1;
-  StopWorker();
-  m_pKVL->SetListenObject(static_cast<CRS232Ctrl*>(nullptr));
-  m_pRS232.reset();
-  if (OpenPort(this) == 0) return 0;
-  m_bPortLost = true;
-  StartWorker();
-  return -1;
 }
 
 std::string CDecodeCtrl::Peer() const {
@@ -174,37 +173,45 @@ std::string CDecodeCtrl::Peer() const {
 }
 
 void CDecodeCtrl::OpenSocket() {
-  auto socket = std::make_shared<CClientSock>();
+  const auto socket = std::make_shared<CClientSock>();
   socket->SetWnd(GetSafeHwnd());
-  Tell(ESessionStatus::Connecting, Peer());
   socket->Create(0, kSockStream, kFdAll, nullptr);
-  m_pSocketLine->Replace(socket);
+  m_socket.Replace(socket);
   socket->Connect(m_strHost, static_cast<uint32_t>(m_nPort));
+  Tell(ESessionStatus::Connecting, Peer());
 }
 
 void CDecodeCtrl::CloseSocket() {
   // A worker that is writing keeps the object until it returns, which closing makes it do at once.
-  if (const std::shared_ptr<CClientSock> socket = m_pSocketLine->Replace(nullptr)) socket->Close();
+  if (const std::shared_ptr<CClientSock> socket = m_socket.Replace(nullptr)) socket->Close();
   m_bConnected = false;
 }
 
 void CDecodeCtrl::OnRecreateSocket() {
   if (m_pKVL == nullptr || m_nInterface != kMediaTcp) return;
   CloseSocket();
-  OpenSocket();
+  const int32_t result = Guarded([this] {
+    OpenSocket();
+    return 0;
+  });
+  if (result != 0) Tell(ESessionStatus::ConnectFailed, ConnectErrorText(kSockErrNoBuffers));
 }
 
 LRESULT CDecodeCtrl::OnConnect(WPARAM hSocket, LPARAM lParam) {
   if (CAsyncSocket::LookupHandle(hSocket) == nullptr) return 0;
-  StartWorker();
-  const int32_t error = ErrorOf(lParam);
+  int32_t error = ErrorOf(lParam);
+  if (!StartWorker()) {
+    error = kSockErrNoBuffers;
+    CloseSocket();  // nobody would take its bytes
+  }
   m_bConnected = error == 0;
   if (m_bConnected) {
     m_strStatus = "\r\nConnected to " + Peer() + " ...\r\n";
     Tell(ESessionStatus::Connected, Peer());
   } else {
     m_strStatus = ConnectErrorText(error);
-    Tell(ESessionStatus::ConnectFailed, m_strStatus);
+    Tell(ESessionStatus::ConnectFailed,
+         m_strStatus.empty() ? "Socket error " + std::to_string(error) + "." : m_strStatus);
   }
   return 0;
 }
@@ -215,7 +222,7 @@ LRESULT CDecodeCtrl::OnReceiveSocket(WPARAM hSocket, LPARAM /*lParam*/) {
   uint8_t bytes[kReadSize];
   int32_t count;
   while ((count = socket->Receive(bytes, kReadSize, 0)) > 0) {
-    if (m_pObserver != nullptr) m_pObserver->OnReceived({bytes, static_cast<size_t>(count)});
+    m_session.OnReceived({bytes, static_cast<size_t>(count)});
     m_queue.PutBatch(bytes, count, CQueue::Zeros::kDrop);
     m_session.Wake();
   }
@@ -224,61 +231,89 @@ LRESULT CDecodeCtrl::OnReceiveSocket(WPARAM hSocket, LPARAM /*lParam*/) {
 
 LRESULT CDecodeCtrl::OnCloseSocket(WPARAM hSocket, LPARAM lParam) {
   const std::string_view reason = CloseErrorText(ErrorOf(lParam));
-  if (CAsyncSocket::LookupHandle(hSocket) == nullptr) return 0;
+  CAsyncSocket* const socket = CAsyncSocket::LookupHandle(hSocket);
+  if (socket == nullptr) return 0;
+  socket->Close();
   CloseSocket();
   m_strStatus = "\r\nDisconnect from " + m_strHost + " ...\n\r\n";
   Tell(ESessionStatus::Closed, reason);
   return 1;
 }
 
-void CDecodeCtrl::StartWorker() {
-  if (m_thread.joinable()) return;
+int32_t CDecodeCtrl::OnReopenPort() {
+  if (m_pKVL == nullptr || m_nInterface != kMediaSerial) return -1;
+  if (m_port.Get() != nullptr) return 0;
+  return Guarded([this] { return OpenPort(this); });
+}
+
+// Whether a worker runs now.
+bool CDecodeCtrl::StartWorker() {
+  if (m_thread.joinable()) return true;
+  if (m_pKVL == nullptr) return false;
+  m_bLossUntold = false;
   m_session.Start();
-  m_thread = std::thread([this] { WorkerThread(); });
+  const auto start = [this] {
+    m_thread = std::thread([this, script = m_strScriptName] { WorkerThread(script); });
+    return 0;
+  };
+  return Guarded(start) == 0;
 }
 
 void CDecodeCtrl::StopWorker() {
   if (!m_thread.joinable()) return;
   m_session.Stop();
-  if (m_pRS232 != nullptr) m_pRS232->Interrupt();
-  m_pSocketLine->Interrupt();
+  m_port.Interrupt();
+  m_socket.Interrupt();
   m_thread.join();
 }
 
 void CDecodeCtrl::Stop() {
   const bool hadSession = m_pKVL != nullptr;
   StopWorker();
-  if (m_pRS232 != nullptr) m_pRS232->Close();
-  m_pRS232.reset();
+  if (const std::shared_ptr<CRS232Ctrl> port = m_port.Replace(nullptr)) port->Close();
   CloseSocket();
   m_pKVL.reset();
   m_pSyntax.reset();
   if (hadSession) Tell(ESessionStatus::Stopped, {});
 }
 
-void CDecodeCtrl::WorkerThread() {
+void CDecodeCtrl::WorkerThread(const std::string& script) noexcept {
   SetThreadName("kvl worker");
   SetThreadPriority(kPriorityBelowNormal);
-  if (!m_bLoaded) m_pKVL->_CompileMainScript1(m_pKVL->LoadScript(m_strScriptName.c_str()));
-  m_bLoaded = true;
+  m_pKVL->_CompileMainScript1(m_pKVL->LoadScript(script.c_str()));
   m_nBusyPasses = 0;
   m_nBusyPassesNext = 1;
   while (m_session.m_bRun != 0) {
-    DrainPort();
-    if (m_queue.GetSize() > 0) {
-      RunPass();
-    } else {
-      RunEmptyPass();
-    }
+    const auto turn = [this] {
+      Turn();
+      return 0;
+    };
+    // Memory may have run out. What can't be done now may be possible a little later.
+    if (Guarded(turn) != 0) m_session.m_wakeup.Wait(kRetryMs);
+  }
+}
+
+void CDecodeCtrl::Turn() {
+  if (m_bLossUntold) TellLoss();
+  DrainPort();
+  if (m_queue.GetSize() > 0) {
+    RunPass();
+  } else {
+    RunEmptyPass();
   }
 }
 
 void CDecodeCtrl::DrainPort() {
-  if (m_pRS232 == nullptr || m_bPortLost) return;
+  const std::shared_ptr<CRS232Ctrl> port = m_port.Get();
+  if (port == nullptr) return;
   uint8_t bytes[kReadSize];
-  int32_t count;
-  while (m_session.m_bRun != 0 && (count = m_pRS232->Read(bytes, kReadSize)) != 0) {
-    if (m_pObserver != nullptr) m_pObserver->OnReceived({bytes, static_cast<size_t>(count)});
+  for (int32_t reads = 0; reads < kMaxReadsPerTurn && m_session.m_bRun != 0; ++reads) {
+    const int32_t count = port->Read(bytes, kReadSize);
+    if (count == 0) {
+      if (port->GetLastError() == kErrorDeviceLost) LosePort(port);
+      return;
+    }
+    m_session.OnReceived({bytes, static_cast<size_t>(count)});
     m_queue.PutBatch(bytes, count, CQueue::Zeros::kDrop);
   }
 }
@@ -287,9 +322,9 @@ void CDecodeCtrl::RunPass() {
   uint8_t batch[CQueue::kSlots];  // one more than the queue holds, for the byte behind the batch
   const int32_t size = m_queue.GetBatch(batch, m_queue.GetSize());
   batch[size] = 0;
-  m_pKVL->Begin(batch, size);
   m_nBusyPasses = 0;
   m_nBusyPassesNext = 1;
+  m_pKVL->Begin(batch, size);
 }
 
 // A pass over an empty batch that did nothing would do nothing again, so the worker waits for
@@ -305,24 +340,29 @@ void CDecodeCtrl::RunEmptyPass() {
   } else {
     m_nBusyPasses = m_nBusyPassesNext;
     m_nBusyPassesNext = std::min(m_nBusyPassesNext * 2, kMaxBusyPasses);
-    WaitForPort(0);  // a script that never waits must hear of a lost port too
   }
   Sleep(0);
 }
 
 void CDecodeCtrl::WaitForBytes() {
-  if (m_pRS232 != nullptr && !m_bPortLost) {
-    WaitForPort(-1);
+  if (const std::shared_ptr<CRS232Ctrl> port = m_port.Get()) {
+    if (port->WaitForBytes(m_session.m_wakeup, -1) == SerialWait::kLost) LosePort(port);
   } else if (m_queue.GetSize() == 0) {
-    m_session.m_wakeup.Wait(-1);
+    m_session.m_wakeup.Wait(m_bLossUntold ? kRetryMs : -1);
   }
 }
 
-void CDecodeCtrl::WaitForPort(int32_t timeoutMs) {
-  if (m_pRS232 == nullptr || m_bPortLost) return;
-  if (m_pRS232->WaitForBytes(m_session.m_wakeup, timeoutMs) != SerialWait::kLost) return;
-  m_bPortLost = true;
-  PostMessageA(GetSafeHwnd(), kMsgPortLost, 0, 0);
+// A port that is gone is let go of at once: the system may want to give its name to the device
+// when it comes back.
+void CDecodeCtrl::LosePort(const std::shared_ptr<CRS232Ctrl>& port) {
+  if (!m_port.Remove(port)) return;
+  port->Close();
+  TellLoss();
+}
+
+void CDecodeCtrl::TellLoss() {
+  const HWND control = m_session.m_hControl;
+  m_bLossUntold = PostMessageA(control, kMsgPortLost, 0, 0) == 0 && IsWindow(control);
 }
 
 }  // namespace kvl

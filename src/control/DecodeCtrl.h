@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "control/line_slot.h"
 #include "control/session.h"
 #include "control/session_observer.h"
 #include "platform/api.h"
@@ -34,7 +35,8 @@ class KVL_API CDecodeCtrl : public CStatic {
   // Makes the control's window: a child of `pParent`, visible, without text. Non-zero on success.
   int32_t Create(CWnd* pParent, const RECT& rect, uint32_t nID);
 
-  void SetScriptName(const char* szPath) { m_strScriptName = szPath; }
+  // The worker reads the file when it starts. Null stands for no name.
+  void SetScriptName(const char* szPath);
   const char* GetScriptName() const { return m_strScriptName.c_str(); }
 
   // Kept for the host; nothing here uses it.
@@ -44,19 +46,23 @@ class KVL_API CDecodeCtrl : public CStatic {
   void SetInterface(uint32_t nInterface) { m_nInterface = nInterface; }
   uint32_t GetInterface() const { return m_nInterface; }
 
-  // Who hears of the session; null for nobody. Set it while the session is stopped.
+  // Who hears of the session; null for nobody. Set it while the session is stopped. The destructor
+  // tells nothing; an observer that is part of the same object needs a Stop in its own destructor.
   void SetObserver(CSessionObserver* pObserver) { m_pObserver = pObserver; }
 
   // Verifies the script. 0 it passed, and its settings and table name are taken over; -1 it did
-  // not, and its faults stay readable in GetSyntax until Stop or the next VerifyScript.
+  // not, or there was no memory for it, and its faults stay readable in GetSyntax until Stop or the
+  // next VerifyScript. A session that runs goes on as it is.
   int32_t VerifyScript();
 
   // Starts a session on the script's line. 0 started, or nothing to start (MEDIA UDP or none); -1
   // the last verification was not clean, or the serial port can't be opened. The outcome of a
-  // connect comes later, as a status. A session that runs is stopped first.
+  // connect comes later, as a status. A session that runs is stopped first, unless the
+  // verification was not clean.
   int32_t Run();
 
   // The same on the serial port "COM<nPort>", 1 to 99, with indexes as a COMM record holds them.
+  // They replace the script's own until the next VerifyScript.
   int32_t Run(int32_t nPort, int32_t nDataBit, int32_t nBaudRate, int32_t nParityBit,
               int32_t nStopBit);
 
@@ -92,29 +98,28 @@ class KVL_API CDecodeCtrl : public CStatic {
   // Nothing here does so by itself: when and how often is the host's decision.
   // A connection that was closed; its outcome comes as a new connect event.
   void OnRecreateSocket();
-  // A serial port that was lost. 0 opened, -1 not.
+  // A serial port that was lost, or could not be opened by Run. 0 it is open, -1 it is not.
   int32_t OnReopenPort();
 
  private:
-  class CSocketLine;
-
   int32_t StartSession();
   int32_t OpenPort(CWnd* pOwner);
   std::string Peer() const;
   void OpenSocket();
   void CloseSocket();
-  void StartWorker();
+  bool StartWorker();
   void StopWorker();
-  void Tell(ESessionStatus status, std::string_view text);
+  void Tell(ESessionStatus status, std::string_view text) noexcept;
 
   // The worker's part.
-  void WorkerThread();
+  void WorkerThread(const std::string& script) noexcept;
+  void Turn();
   void DrainPort();
   void RunPass();
   void RunEmptyPass();
   void WaitForBytes();
-  // Waits for bytes or a wake-up; a port that is gone is told of once.
-  void WaitForPort(int32_t timeoutMs);
+  void LosePort(const std::shared_ptr<CRS232Ctrl>& port);
+  void TellLoss();
 
   std::thread m_thread;
   CSession m_session;
@@ -122,8 +127,9 @@ class KVL_API CDecodeCtrl : public CStatic {
   std::string m_strScriptName;
   COMM m_comm;
   bool m_bVerified = false;
-  std::unique_ptr<CRS232Ctrl> m_pRS232;
-  std::unique_ptr<CSocketLine> m_pSocketLine;
+  CLineSlot<CRS232Ctrl> m_port;
+  COMM m_commPort;  // of the session's port
+  CLineSlot<CClientSock> m_socket;
   uint32_t m_nInterface = 1;
   std::string m_strHost;
   int32_t m_nPort = 0;
@@ -137,8 +143,7 @@ class KVL_API CDecodeCtrl : public CStatic {
   RECT m_rcClient;
 
   // The worker's own.
-  bool m_bLoaded = false;
-  bool m_bPortLost = false;
+  bool m_bLossUntold = false;
   int32_t m_nBusyPasses = 0;  // empty passes to run before it is worth asking for idleness again
   int32_t m_nBusyPassesNext = 1;
 };

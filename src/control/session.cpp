@@ -35,21 +35,25 @@ void CSession::Pause(int32_t milliseconds, EPause /*reason*/) {
 }
 
 void CSession::Sync(int32_t value) {
-  CSyncNotify& record = NextSyncRecord();
-  record.m_header = {m_hControl, m_nControlID, kSyncCode};
-  record.m_nValue = value;
+  const CSyncRecord record;
+  record->m_header = {m_hControl, m_nControlID, kSyncCode};
+  record->m_nValue = value;
   const HWND owner = GetOwner(m_hControl);
   const HWND target = owner != nullptr ? owner : GetParent(m_hControl);
   if (IsWindow(target)) {
-    PostMessageA(target, kWmNotify, m_nControlID, reinterpret_cast<LPARAM>(&record));
+    PostMessageA(target, kWmNotify, m_nControlID, reinterpret_cast<LPARAM>(record.Get()));
   }
   // The host only clears a word, so it has to be looked at; a host that answers at once meets the
   // first looks, and later ones cost nearly nothing.
   const int64_t start = GetTickCount();
-  for (int looks = 0; record.m_bPending != 0 && m_bRun != 0; ++looks) {
+  for (int looks = 0; record->m_bPending != 0 && m_bRun != 0; ++looks) {
     if (GetTickCount() - start > kSyncLimitMs) return;
     Pause(looks < 50 ? 0 : 1, EPause::Pacing);
   }
+}
+
+void CSession::OnReceived(std::span<const uint8_t> bytes) {
+  if (m_pObserver != nullptr) m_pObserver->OnReceived(bytes);
 }
 
 void CSession::OnOut(std::span<const uint8_t> bytes, int32_t interval) {

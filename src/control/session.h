@@ -24,6 +24,9 @@ class CSession : public CEngineOwner {
 
   void Pause(int32_t milliseconds, EPause reason) override;
   void Sync(int32_t value) override;
+  // Bytes have come from the line; on the thread that takes them from it.
+  void OnReceived(std::span<const uint8_t> bytes);
+
   void OnOut(std::span<const uint8_t> bytes, int32_t interval) override;
   void OnPrint(std::string_view message) override;
   void OnPut(std::string_view tag, std::span<const uint8_t> payload) override;

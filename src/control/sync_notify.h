@@ -12,17 +12,30 @@ namespace kvl {
 inline constexpr uint32_t kSyncCode = 10001;
 
 // Posted with kWmNotify: first parameter the control's child identifier, second the address of
-// this record. The host deals with m_nValue and then sets m_bPending to 0, within 1000 ms.
+// this record. The host deals with m_nValue and then sets m_bPending to 0, within 1000 ms. An
+// answer that comes later does no harm: the record stays as it is until kSyncResting further ones
+// have been given back, also after the session.
 struct CSyncNotify {
   NMHDR m_header;  // the control's window and child identifier, and kSyncCode
   int32_t m_nValue = 0;
   std::atomic<uint32_t> m_bPending{0};
 };
 
-// A record for one SYNC, with m_bPending 1. Records live as long as the process, and one is used
-// again only after kSyncRecords further ones, so that an answer that comes too late, even after
-// the session, touches nothing that anybody waits for.
-inline constexpr uint32_t kSyncRecords = 4096;
-CSyncNotify& NextSyncRecord();
+inline constexpr uint32_t kSyncResting = 1024;
+
+// Lends a record, with m_bPending 1, for one SYNC; no other SYNC of the process has it meanwhile.
+class KVL_API CSyncRecord {
+ public:
+  CSyncRecord();
+  ~CSyncRecord();
+  CSyncRecord(const CSyncRecord&) = delete;
+  CSyncRecord& operator=(const CSyncRecord&) = delete;
+
+  CSyncNotify* Get() const { return m_pRecord; }
+  CSyncNotify* operator->() const { return m_pRecord; }
+
+ private:
+  CSyncNotify* const m_pRecord;
+};
 
 }  // namespace kvl

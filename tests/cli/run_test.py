@@ -1,0 +1,272 @@
+"""`kvl run` from outside: a session on a socket and on a pseudo-terminal, from its start to Ctrl-C."""
+
+import json
+import os
+import pathlib
+import pty
+import queue
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import tty
+import unittest
+
+import kvl
+
+PATIENCE = 60  # seconds; only bounds a failing test
+
+ECHO = """VAR N% 0
+DIM RX$ 8192
+VAR LEN% 0
+BEGIN:
+IN RX, LEN
+CMP LEN, 0
+JPE END
+INC N
+PRINT RX
+PRINT N
+OUT RX
+END:
+"""
+SERIAL = """OPEN MEDIA RS232C
+OPEN PORT COM7
+OPEN BAUD_RATE 9600
+OPEN DATA_BIT 8
+OPEN PARITY_BIT NONE
+OPEN STOP_BIT 1
+"""
+
+
+class Session:
+    """A running `kvl run --json`, read event by event."""
+
+    def __init__(self, script, *options):
+        self.folder = tempfile.TemporaryDirectory()
+        self.script = pathlib.Path(self.folder.name) / "script.kvl"
+        self.script.write_text(script)
+        command = [os.environ.get("KVL", kvl.ROOT / "build/dev/src/cli/kvl"), "run", "--json"]
+        command += [*map(str, options), self.script]
+        self.process = subprocess.Popen(
+            command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL
+        )
+        self.events = []
+        self.incoming = queue.Queue()
+        threading.Thread(target=self.read, daemon=True).start()
+
+    def read(self):
+        for line in self.process.stdout:
+            self.incoming.put(json.loads(line))
+        self.incoming.put(None)
+
+    def until(self, **wanted):
+        """The next event with these fields; what comes ahead of it is kept in `events`."""
+        while True:
+            event = self.incoming.get(timeout=PATIENCE)
+            if event is None:
+                raise AssertionError(f"ended without {wanted}: {self.events}")
+            self.events.append(event)
+            if all(event.get(key) == value for key, value in wanted.items()):
+                return event
+
+    def end(self, number=signal.SIGINT):
+        """The exit code after a signal, with all events read; None waits for the end alone."""
+        if number is not None:
+            self.process.send_signal(number)
+        self.until(event="summary")
+        return self.process.wait(PATIENCE)
+
+    def states(self):
+        return [event["state"] for event in self.events if event["event"] == "state"]
+
+    def prints(self):
+        events = [event for event in self.events if event["event"] == "print"]
+        return [bytes.fromhex(event["hex"]).decode() for event in events]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+        self.process.stderr.close()
+        self.folder.cleanup()
+
+
+class Terminal:
+    """A pseudo-terminal whose device has a name of its own, as a by-id link has."""
+
+    def __init__(self, folder):
+        self.device = pathlib.Path(folder) / "ttyLine"
+        self.plug()
+
+    def plug(self):
+        self.near, far = pty.openpty()
+        tty.setraw(far)
+        self.device.unlink(missing_ok=True)
+        self.device.symlink_to(os.ttyname(far))
+        self.far = far
+
+    def unplug(self):
+        os.close(self.near)
+        os.close(self.far)
+
+
+class RunTest(unittest.TestCase):
+    def setUp(self):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.listener.settimeout(PATIENCE)
+        port = self.listener.getsockname()[1]
+        self.tcp = f"OPEN MEDIA TCP\nOPEN IP 127.0.0.1\nOPEN PORT {port}\n"
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        self.addCleanup(self.listener.close)
+
+    def accept(self):
+        peer, _ = self.listener.accept()
+        peer.settimeout(PATIENCE)
+        self.addCleanup(peer.close)
+        return peer
+
+    def test_session_ends_in_order_with_either_signal(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with Session(self.tcp + ECHO, "--trace") as session:
+                peer = self.accept()
+                peer.sendall(b"\x00A\xff")
+                self.assertEqual(peer.recv(16), b"A\xff")
+                session.until(event="sent", hex="41ff")
+                self.assertEqual(session.end(number), 0)
+                self.assertEqual(session.states(), ["connecting", "connected", "stopped"])
+                received = [e for e in session.events if e["event"] == "received"]
+                self.assertEqual([e["hex"] for e in received], ["0041ff"])
+                summary = session.events[-1]
+                self.assertEqual(
+                    (summary["received"], summary["sent"], summary["dropped"]), (3, 2, 0)
+                )
+                times = [e["time"] for e in session.events if "time" in e]
+                self.assertEqual(times, sorted(times))
+
+    def test_lines_for_a_person(self):
+        with Session(self.tcp + ECHO) as helper:  # its script file serves the plain one too
+            self.accept()
+            helper.until(state="connected")
+            command = [helper.process.args[0], "run", "--trace", "--no-reconnect", helper.script]
+            plain = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            peer = self.accept()
+            peer.sendall(b"hi")
+            peer.recv(16)
+            peer.close()
+            output, errors = plain.communicate(timeout=PATIENCE)
+        self.assertEqual((plain.returncode, errors), (1, b""))
+        text = output.decode()
+        for part in ("connected", "closed by peer", "stopped", '6869  "hi"', "2 bytes received"):
+            self.assertIn(part, text)
+        self.assertRegex(text, r"(?m)^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}  state ")
+
+    def test_lost_connection_is_made_again_with_the_variables_as_they_were(self):
+        with Session(self.tcp + ECHO) as session:
+            for text in (b"one", b"two"):
+                peer = self.accept()
+                peer.sendall(text)
+                self.assertEqual(peer.recv(16), text)
+                peer.close()
+            session.until(state="reconnecting")
+            session.until(state="reconnecting")
+            self.assertEqual(session.end(), 0)
+            self.assertEqual(session.prints(), ["one", "1", "two", "2"])
+            once = ["connected", "closed by peer", "reconnecting"]
+            self.assertEqual(session.states(), ["connecting", *once, *once, "stopped"])
+
+    def test_peer_that_is_not_there_is_one_line_and_not_one_per_try(self):
+        self.listener.close()
+        with Session(self.tcp + ECHO) as session:
+            event = session.until(state="reconnecting")
+            self.assertEqual(event["text"], "The attempt to connect was forcefully rejected.")
+            with self.assertRaises(queue.Empty):
+                session.incoming.get(timeout=2)  # two or three tries
+            self.assertEqual(session.end(), 0)
+        with Session(self.tcp + ECHO, "--no-reconnect") as session:
+            self.assertEqual(session.end(None), 1)
+            self.assertEqual(session.states(), ["connecting", "failed", "stopped"])
+
+    def test_serial_line_by_a_name_that_stays_through_an_unplugging(self):
+        terminal = Terminal(self.folder.name)
+        with Session(SERIAL + ECHO, "--port", f"COM7={terminal.device}") as session:
+            session.until(state="opened")
+            os.write(terminal.near, b"one")
+            self.assertEqual(os.read(terminal.near, 16), b"one")
+            terminal.unplug()
+            session.until(state="lost")
+            session.until(state="reconnecting")
+            terminal.plug()
+            session.until(state="opened")
+            os.write(terminal.near, b"two")
+            self.assertEqual(os.read(terminal.near, 16), b"two")
+            self.assertEqual(session.end(), 0)
+            self.assertEqual(session.prints(), ["one", "1", "two", "2"])
+        with Session(SERIAL + ECHO, "--port", f"COM7={terminal.device}", "--no-reconnect") as session:
+            session.until(state="opened")
+            terminal.unplug()
+            self.assertEqual(session.end(None), 1)
+            self.assertEqual(session.states(), ["opened", "lost", "stopped"])
+
+    def test_capture_replays_what_the_line_brought(self):
+        capture = pathlib.Path(self.folder.name) / "capture"
+        capture.write_text("of a day before")
+        with Session("BEGIN:\nADD\nEND:\n", "--capture", capture) as session:
+            session.process.wait(PATIENCE)
+            self.assertEqual(session.process.returncode, 1)
+        self.assertEqual(capture.read_text(), "of a day before")
+        with Session(self.tcp + ECHO, "--capture", capture) as session:
+            peer = self.accept()
+            for text in (b"one", b"\x00tw\x00o"):
+                peer.sendall(text)
+                peer.recv(16)
+            self.assertEqual(session.end(), 0)
+            for options in ([], ["--real-time"]):
+                events = kvl.replay(session.script, capture, *options)
+                prints = [e["hex"] for e in events if e["event"] == "print"]
+                self.assertEqual([bytes.fromhex(p).decode() for p in prints], session.prints())
+        self.assertEqual(session.prints(), ["one", "1", "two", "2"])
+
+    def test_wrong_use(self):
+        script = pathlib.Path(self.folder.name) / "script.kvl"
+        script.write_text(self.tcp + ECHO)
+        lineless = pathlib.Path(self.folder.name) / "lineless.kvl"
+        lineless.write_text("BEGIN:\nEND:\n")
+        nowhere = pathlib.Path(self.folder.name) / "nowhere" / "file"
+        for code, *arguments in (
+            (2, nowhere),
+            (2, "--port", "COM7", script),
+            (2, "--port", "=x", script),
+            (2, "--capture", nowhere, script),
+            (1, lineless),
+        ):
+            process = kvl.run("run", *arguments, timeout=PATIENCE)
+            self.assertEqual(process.returncode, code, arguments)
+            self.assertTrue(process.stderr)
+
+    def test_flood_is_counted(self):
+        slow = ECHO.replace("OUT RX", "SLEEP 20")
+        with Session(self.tcp + slow) as session:
+            peer = self.accept()
+            for _ in range(64):
+                peer.sendall(b"f" * 16384)
+            peer.close()
+            session.until(state="closed by peer")
+            self.assertEqual(session.end(), 0)
+            summary = session.events[-1]
+            self.assertEqual(summary["received"], 64 * 16384)
+            self.assertGreater(summary["dropped"], 0)
+
+    def test_ports_lists_what_there_is(self):
+        process = kvl.run("ports", "--json")
+        self.assertEqual(process.returncode, 0)
+        for number, line in enumerate(process.stdout.splitlines(), 1):
+            self.assertEqual(json.loads(line)["name"], f"COM{number}")
+
+
+if __name__ == "__main__":
+    unittest.main()

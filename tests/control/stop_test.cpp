@@ -1,0 +1,119 @@
+// Stop comes at once, whatever the script and the line are doing.
+#include "control/sync_notify.h"
+#include "session_fixtures.h"
+
+namespace kvl {
+namespace {
+
+constexpr int64_t kStopLimitMs = kSanitized ? 250 : 50;
+constexpr int kAttempts = 10;  // a busy machine may spoil some, an instruction in the way all
+
+class StopTest : public SessionTest {
+ protected:
+  // The fastest Stop of sessions that `start` brings into the state in question.
+  template <typename Start>
+  void ExpectFastStop(const char* state, Start start) {
+    SCOPED_TRACE(state);
+    int64_t best = kTestPatienceMs;
+    for (int i = 0; i < kAttempts && best > kStopLimitMs; ++i) {
+      start();
+      if (HasFatalFailure()) return;
+      const int64_t before = GetTickCount();
+      control.Stop();
+      best = std::min(best, GetTickCount() - before);
+    }
+    EXPECT_LE(best, kStopLimitMs);
+  }
+
+  // Until the script has begun an OUT and no other follows for a while: the line takes no more.
+  void WaitUntilTheLineIsFull() {
+    int before = -1;
+    const int64_t deadline = GetTickCount() + kTestPatienceMs;
+    while (GetTickCount() < deadline && (before < 1 || seen.sent != before)) {
+      before = seen.sent;
+      Sleep(300);
+    }
+  }
+};
+
+constexpr const char* kFlood =
+    "BEGIN:\nOUT \"a line that takes nothing more holds up whoever writes to it, but not Stop\"\n"
+    "END:\n";
+
+struct CScriptState {
+  const char* name;
+  const char* body;
+};
+constexpr CScriptState kScripts[] = {
+    {"idle", "VAR ONCE% 0\nBEGIN:\nCMP ONCE, 1\nJPE END\nMOVE ONCE, 1\nPRINT \"x\"\nEND:\n"},
+    {"endless loop", "BEGIN:\nPRINT \"x\"\nTURN:\nJP TURN\nEND:\n"},
+    {"long SLEEP", "BEGIN:\nPRINT \"x\"\nSLEEP 60000\nEND:\n"},
+    {"paced OUT", "BEGIN:\nPRINT \"x\"\nDELAY 5000\nOUT \"slowly\"\nEND:\n"},
+    {"SYNC without an answer", "BEGIN:\nPRINT \"x\"\nSYNC 1\nEND:\n"},
+};
+
+TEST_F(StopTest, OnASerialLine) {
+  for (const CScriptState& state : kScripts) {
+    ExpectFastStop(state.name, [&] {
+      const size_t before = seen.printed;
+      StartSerial(state.body);
+      ASSERT_TRUE(WaitFor([&] { return seen.printed > before; }));
+    });
+  }
+  ExpectFastStop("full line", [&] {
+    seen.sent = 0;
+    StartSerial(kFlood);
+    WaitUntilTheLineIsFull();
+  });
+  ExpectFastStop("lost", [&] {
+    ASSERT_TRUE(line.Open());
+    MapSerialPort(kPort, line.GetDeviceName());
+    const int before = seen.Count(ESessionStatus::Lost);
+    StartSerial(kPrintBatches);
+    line.HangUp();
+    ASSERT_TRUE(RunLoopUntil([&] { return seen.Count(ESessionStatus::Lost) > before; }));
+  });
+}
+
+TEST_F(StopTest, OnASocket) {
+  for (const CScriptState& state : kScripts) {
+    ExpectFastStop(state.name, [&] {
+      const size_t before = seen.printed;
+      StartTcp(state.body);
+      ASSERT_TRUE(WaitFor([&] { return seen.printed > before; }));
+    });
+  }
+  peer.onReceive = [] {};  // takes nothing from now on
+  ExpectFastStop("full line", [&] {
+    seen.sent = 0;
+    StartTcp(kFlood);
+    WaitUntilTheLineIsFull();
+  });
+  ExpectFastStop("connecting", [&] {
+    Verify(TcpScript(kEcho));
+    ASSERT_EQ(control.Run(), 0);
+  });
+  ExpectFastStop("closed by the peer", [&] {
+    const int before = seen.Count(ESessionStatus::Closed);
+    StartTcp(kEcho);
+    peer.Close();
+    ASSERT_TRUE(RunLoopUntil([&] { return seen.Count(ESessionStatus::Closed) > before; }));
+  });
+  // The last address of a name-less net: nobody answers, or nobody knows the way.
+  ExpectFastStop("unreachable peer", [&] {
+    Verify("OPEN MEDIA TCP\nOPEN IP 192.0.2.255\nOPEN PORT 9\n" + std::string(kEcho));
+    ASSERT_EQ(control.Run(), 0);
+    CMessageLoop::Current().RunUntilIdle();
+  });
+}
+
+TEST_F(StopTest, AFullLineCostsTheScriptOneTimeoutAndNoMore) {
+  peer.onReceive = [] {};
+  StartTcp(kFlood);
+  WaitUntilTheLineIsFull();
+  const int before = seen.sent;
+  EXPECT_TRUE(WaitFor([&] { return seen.sent > before; })) << "goes on with its next OUT";
+}
+
+}  // namespace
+}  // namespace kvl
