@@ -31,7 +31,7 @@ class CLoopResource {
   virtual void OnLoopEnd() = 0;
 
  protected:
-  ~CLoopResource() = default;
+  virtual ~CLoopResource() = default;
 };
 
 class CLoopCore {
