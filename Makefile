@@ -4,7 +4,7 @@ SANITIZERS ?= asan tsan
 FUZZ_SECONDS ?= 60
 JOBS ?= $(shell nproc)
 
-.PHONY: help setup build test sanitize lint format bench fuzz demo install clean
+.PHONY: help setup build test sanitize lint format bench fuzz demo install package clean
 
 help:
 	@echo "make demo      a simulated device, a session and a live view of its tags"
@@ -14,6 +14,7 @@ help:
 	@echo "make bench     ratios against the peers"
 	@echo "make fuzz      libFuzzer targets, FUZZ_SECONDS=$(FUZZ_SECONDS) each"
 	@echo "make install   to PREFIX=$(PREFIX)"
+	@echo "make package   a Debian package in build/package"
 
 setup:
 	scripts/setup
@@ -58,8 +59,13 @@ demo: setup
 
 install: setup
 	cmake --preset release -DKVL_BUILD_BENCH=OFF
-	cmake --build --preset release
+	cmake --build --preset release --target kvl_command kvl_reference
 	cmake --install build/release --prefix $(PREFIX)
+
+package: setup
+	cmake --preset release -DKVL_BUILD_BENCH=OFF
+	cmake --build --preset release --target kvl_command kvl_reference
+	cpack --config build/release/CPackConfig.cmake -B build/package
 
 clean:
 	rm -rf build
