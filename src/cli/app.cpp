@@ -19,6 +19,7 @@ void SetUpApp(CLI::App& app, CContext& context) {
   AddPortsCommand(app, context);
   AddReplayCommand(app, context);
   AddRunCommand(app, context);
+  AddTableCommands(app, context);
   AddTestCommand(app, context);
 }
 

@@ -41,6 +41,7 @@ void AddNewCommand(CLI::App& app, CContext& context);
 void AddPortsCommand(CLI::App& app, CContext& context);
 void AddReplayCommand(CLI::App& app, CContext& context);
 void AddRunCommand(CLI::App& app, CContext& context);
+void AddTableCommands(CLI::App& app, CContext& context);
 void AddTestCommand(CLI::App& app, CContext& context);
 
 }  // namespace kvl::cli

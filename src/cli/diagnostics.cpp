@@ -59,17 +59,6 @@ std::string Shown(std::string_view bytes) {
   return Cp949FromUtf8(text, ignored) ? text : Printable(text);
 }
 
-// Columns on the screen: East Asian characters take two.
-size_t WidthOf(std::string_view utf8) {
-  size_t width = 0;
-  for (const char c : utf8) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x80 && byte < 0xC0) continue;
-    width += byte >= 0xE3 && byte <= 0xED ? 2 : 1;
-  }
-  return width;
-}
-
 // How an instruction is written, "PRINT text|any[, mode]".
 std::string UsageOf(int32_t command) {
   const CInstruction& instruction = kInstructions[command - 1];

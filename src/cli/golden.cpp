@@ -7,8 +7,8 @@
 #include <fstream>
 #include <map>
 
+#include "cli/tags.h"
 #include "platform/text_encoding.h"
-#include "store/tag_value.h"
 
 namespace kvl::cli {
 namespace {
@@ -85,13 +85,6 @@ CJson ValueOf(const std::string& kind, const std::string& type, std::span<const 
   return isScalar ? elements[0] : elements;
 }
 
-CJson TagJson(uint8_t type, std::span<const uint8_t> payload) {
-  const CTagValue value = TagValueOf(type, payload);
-  if (const auto* number = std::get_if<int32_t>(&value)) return *number;
-  if (const auto* number = std::get_if<float>(&value)) return *number;
-  return TagValueText(type, payload);
-}
-
 // The tags and the variables of that name in the last event of a replay.
 void AddValues(const CJson& end, const std::string& name, std::vector<std::string>& lines) {
   bool found = false;
@@ -101,7 +94,7 @@ void AddValues(const CJson& end, const std::string& name, std::vector<std::strin
       if (entry["name"] != name) continue;
       std::vector<uint8_t> bytes;
       FromHex(entry["hex"].get<std::string>(), bytes);
-      const CJson value = isTag ? TagJson(entry["type"].get<uint8_t>(), bytes)
+      const CJson value = isTag ? ValueJson({name, entry["type"].get<uint8_t>(), bytes})
                                 : ValueOf(entry["kind"], entry["type"], bytes);
       lines.push_back(JsonLine({{isTag ? "tag" : "variable", name}, {"value", value}}));
       found = true;

@@ -1,9 +1,12 @@
 #include "cli/output.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "cli/commands.h"
 #include "platform/terminal.h"
@@ -103,6 +106,35 @@ std::string Printable(std::string_view bytes) {
     }
   }
   return text;
+}
+
+size_t WidthOf(std::string_view utf8) {
+  size_t width = 0;
+  for (const char c : utf8) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x80 && byte < 0xC0) continue;
+    width += byte >= 0xE3 && byte <= 0xED ? 2 : 1;
+  }
+  return width;
+}
+
+std::string Fit(std::string_view utf8, size_t width) {
+  std::string text(utf8);
+  if (width > 0 && WidthOf(text) > width) {
+    while (WidthOf(text) > width - 1) {
+      while ((text.back() & 0xC0) == 0x80) text.pop_back();
+      text.pop_back();
+    }
+    text += "\u2026";
+  }
+  text.append(width - std::min(width, WidthOf(text)), ' ');
+  return text;
+}
+
+std::string TimeText(int64_t microseconds) {
+  const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds),
+                     microseconds / 1000 % 1000);
 }
 
 CPainter::CPainter(const std::string& color, EStream stream) {

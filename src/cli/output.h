@@ -29,6 +29,15 @@ bool FromHex(std::string_view text, std::vector<uint8_t>& bytes);
 // Bytes for a person's eyes: text as UTF-8, control characters as \r, \n, \t or \xHH.
 std::string Printable(std::string_view bytes);
 
+// Columns that a UTF-8 text takes on the screen: East Asian characters take two.
+size_t WidthOf(std::string_view utf8);
+
+// The text in exactly `width` columns: filled with blanks, or cut with an ellipsis at its end.
+std::string Fit(std::string_view utf8, size_t width);
+
+// "2026-03-01 12:34:56.789", local time, of microseconds since 1970.
+std::string TimeText(int64_t microseconds);
+
 // Colour, if `color` (auto, always, never), the terminal and NO_COLOR want it.
 enum class EColor { Plain, Bold, Dim, Red, Green, Cyan };
 class CPainter {

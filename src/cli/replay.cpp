@@ -5,18 +5,45 @@
 
 #include "cli/diagnostics.h"
 #include "cli/script_file.h"
+#include "cli/tags.h"
 #include "script/KVL.h"
 
 namespace kvl::cli {
+namespace {
+
+// The table of one replay, which no other process sees.
+class CReplayTable {
+ public:
+  // Without a tag file there is no table.
+  CReplayTable(const std::string& file, const CContext& context) {
+    if (file.empty()) return;
+    if (!m_owner.Create(ReadTagFile(file, context), false)) {
+      throw CCommandError(kFailed, fmt::format("the tags of '{}' can't be laid: {}", file,
+                                               ErrorText(m_owner.LastError())));
+    }
+  }
+  ~CReplayTable() { CTableOwner::Remove(kName, kAudience); }
+  CReplayTable(const CReplayTable&) = delete;
+  CReplayTable& operator=(const CReplayTable&) = delete;
+
+  CTableOwner& Owner() { return m_owner; }
+  const char* Name() const { return m_owner.IsOpen() ? kName : ""; }
+
+  static constexpr EAudience kAudience = EAudience::kThisProcess;
+
+ private:
+  static constexpr char kName[] = "replay";
+  CTableOwner m_owner{kName, kAudience};
+};
+
+}  // namespace
 
 int Replay(const CReplayOptions& options, const CContext& context, CReplayReport& report) {
   const std::string text = ReadScriptFile(options.m_script);
   if (!options.m_bNoCheck && !PassesVerification(options.m_script, text, context)) return kFailed;
-  if (!options.m_tags.empty()) {
-    throw CCommandError(kFailed, "--tags needs the shared store, which this build does not have");
-  }
-  CReplayOwner owner(report);
-  CKVL engine(&owner, "");
+  CReplayTable table(options.m_tags, context);
+  CReplayOwner owner(report, table.Owner());
+  CKVL engine(&owner, table.Name(), table.kAudience);
   engine._CompileMainScript1(engine.LoadText(text));
   engine.SetMaxSteps(options.m_nMaxSteps);
   int32_t result = engine.Commands().empty() ? -1 : 0;
@@ -25,7 +52,9 @@ int Replay(const CReplayOptions& options, const CContext& context, CReplayReport
     result = engine.Begin(batch.data(), static_cast<int32_t>(batch.size()));
     if (engine.LimitReached()) report.Limit(owner.Pass());
   });
-  report.End(owner.Pass(), result, engine);
+  std::vector<CTagImage> tags;
+  table.Owner().List(tags);
+  report.End(owner.Pass(), result, engine, tags);
   return kDone;
 }
 

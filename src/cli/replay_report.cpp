@@ -4,6 +4,7 @@
 
 #include "cli/output.h"
 #include "cli/replay_owner.h"
+#include "cli/tags.h"
 #include "platform/text_encoding.h"
 
 namespace kvl::cli {
@@ -49,9 +50,11 @@ class CJsonReport : public CReplayReport {
   void Print(int64_t pass, std::string_view message) override {
     m_sink({{"event", "print"}, {"pass", pass}, {"hex", ToHex(message)}});
   }
-  void Put(int64_t pass, std::string_view tag, std::span<const uint8_t> payload) override {
-    m_sink(
-        {{"event", "put"}, {"pass", pass}, {"tag", Utf8FromCp949(tag)}, {"hex", ToHex(payload)}});
+  void Put(int64_t pass, const CTagImage& tag) override {
+    m_sink({{"event", "put"},
+            {"pass", pass},
+            {"tag", Utf8FromCp949(tag.m_strName)},
+            {"hex", ToHex(tag.m_payload)}});
   }
   void Sync(int64_t pass, int32_t value) override {
     m_sink({{"event", "sync"}, {"pass", pass}, {"value", value}});
@@ -61,7 +64,8 @@ class CJsonReport : public CReplayReport {
   }
   void Limit(int64_t pass) override { m_sink({{"event", "limit"}, {"pass", pass}}); }
 
-  void End(int64_t passes, int32_t result, const CKVL& engine) override {
+  void End(int64_t passes, int32_t result, const CKVL& engine,
+           const std::vector<CTagImage>& tags) override {
     CJson variables = CJson::array();
     for (const CVariableTable& variable : engine.Variables()) {
       CJson type;
@@ -71,13 +75,19 @@ class CJsonReport : public CReplayReport {
                            {"type", type},
                            {"hex", ToHex(ValueOf(variable))}});
     }
+    CJson tagList = CJson::array();
+    for (const CTagImage& tag : tags) {
+      tagList.push_back({{"name", Utf8FromCp949(tag.m_strName)},
+                         {"type", tag.m_type},
+                         {"hex", ToHex(tag.m_payload)}});
+    }
     m_sink({{"event", "end"},
             {"passes", passes},
             {"result", result},
             {"compare", engine.GetCompare()},
             {"interval", engine.GetOutInterval()},
             {"variables", variables},
-            {"tags", CJson::array()}});
+            {"tags", tagList}});
   }
 
  private:
@@ -96,8 +106,8 @@ class CTextReport : public CReplayReport {
   void Print(int64_t pass, std::string_view message) override {
     Line(pass, "print", Printable(message));
   }
-  void Put(int64_t pass, std::string_view tag, std::span<const uint8_t> payload) override {
-    Line(pass, "put", fmt::format("{} = {}", Printable(tag), ToHex(payload)));
+  void Put(int64_t pass, const CTagImage& tag) override {
+    Line(pass, "put", fmt::format("{} = {}", Printable(tag.m_strName), ShownValue(tag)));
   }
   void Sync(int64_t pass, int32_t value) override { Line(pass, "sync", std::to_string(value)); }
   void Sleep(int64_t pass, int32_t milliseconds) override {
@@ -105,13 +115,17 @@ class CTextReport : public CReplayReport {
   }
   void Limit(int64_t pass) override { Line(pass, "limit", "the pass was ended by --max-steps"); }
 
-  void End(int64_t passes, int32_t result, const CKVL& engine) override {
+  void End(int64_t passes, int32_t result, const CKVL& engine,
+           const std::vector<CTagImage>& tags) override {
     fmt::print("{} after {} pass{}{}\n", m_painter.Paint(EColor::Bold, "end"), passes,
                passes == 1 ? "" : "es", result < 0 ? ": the script has no instruction" : "");
     for (const CVariableTable& variable : engine.Variables()) {
       const char* suffix = variable.m_nKind <= kVar ? SuffixOf(variable) : "";
       const std::string name = Printable(variable.m_szName) + suffix;
       fmt::print("  {:<6} {:<16} {}\n", KindOf(variable), name, Describe(variable));
+    }
+    for (const CTagImage& tag : tags) {
+      fmt::print("  {:<6} {:<16} {}\n", "tag", Printable(tag.m_strName), ShownValue(tag));
     }
   }
 

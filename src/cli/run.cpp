@@ -1,10 +1,8 @@
 // `kvl run`: verifies a script, opens its line and decodes until the user ends it.
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <atomic>
-#include <ctime>
 #include <optional>
 #include <random>
 
@@ -13,10 +11,12 @@
 #include "cli/diagnostics.h"
 #include "cli/output.h"
 #include "cli/script_file.h"
+#include "cli/table_advice.h"
 #include "control/DecodeCtrl.h"
 #include "platform/clock.h"
 #include "platform/message_loop.h"
 #include "platform/serial.h"
+#include "platform/text_encoding.h"
 
 namespace kvl::cli {
 namespace {
@@ -29,13 +29,6 @@ struct CRunOptions {
   bool m_bReconnect = true;
   bool m_bJson = false;
 };
-
-// "2026-03-01 12:34:56.789", local time.
-std::string TimeText(int64_t microseconds) {
-  const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
-  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds),
-                     microseconds / 1000 % 1000);
-}
 
 // How long to wait before the next try to open a lost line: twice as long each time, up to 30 s,
 // and a random part of it, so that a hundred gateways don't come back in the same moment.
@@ -68,7 +61,8 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   // The members that the worker reports to are gone before the base class could stop it.
   ~CRunHost() override { Stop(); }
 
-  int Work() {
+  // `script` is the text of the file that the options name.
+  int Work(std::string_view script) {
     if (m_frame.Create(0, RECT{0, 0, 1, 1}, nullptr, 0) == 0 ||
         Create(&m_frame, RECT{0, 0, 1, 1}, 1) == 0) {
       throw CCommandError(kFailed, "the system gives no message loop");
@@ -81,10 +75,12 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
                           "the script names no line that can be opened: it needs OPEN "
                           "MEDIA RS232C or OPEN MEDIA TCP");
     }
+    Warn(AdviseOnTable(GetTableName(), script));
     if (!m_options.m_capture.empty()) m_capture.emplace(m_options.m_capture);
     const CInterruptWatch interrupts([this] { m_loop.Quit(); });
     m_nStart = GetTickCount();
     if (CDecodeCtrl::Run() != 0) LineFailed(fmt::format("{} can't be opened", DeviceText()));
+    TellTable();
     m_loop.Run();
     Stop();
     m_loop.RunUntilIdle();  // what the worker still had to say
@@ -97,6 +93,21 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     if (GetSyntax() == nullptr) throw CCommandError(kFailed, "there is no memory for the script");
     PrintFaults(m_options.m_script, *GetSyntax(), LanguageOf(""), m_errors);
     return kFailed;
+  }
+
+  void Warn(const std::string& text) const {
+    if (text.empty()) return;
+    fmt::print(stderr, "kvl: {} {}\n", m_errors.Paint(EColor::Cyan, "warning:"), text);
+  }
+
+  void TellTable() {
+    const std::string name = Utf8FromCp949(GetTableName());
+    if (name.empty() || GetEngine() == nullptr) return;
+    if (GetEngine()->HasTable()) {
+      Say("table", {{"name", name}}, Printable(GetTableName()), EColor::Bold);
+    } else {
+      Warn(fmt::format("table '{}' can't be opened, so that PUT and GET have no effect", name));
+    }
   }
 
   std::string DeviceText() const {
@@ -265,10 +276,11 @@ void MapPorts(const std::vector<std::string>& ports) {
 }
 
 int RunSession(const CRunOptions& options, const CContext& context) {
-  ReadScriptFile(options.m_script);  // a file that can't be read is the command line's fault
+  // A file that can't be read is the command line's fault.
+  const std::string script = ReadScriptFile(options.m_script);
   MapPorts(options.m_ports);
   CRunHost host(options, context);
-  return host.Work();
+  return host.Work(script);
 }
 
 }  // namespace

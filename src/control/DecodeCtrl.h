@@ -75,7 +75,8 @@ class KVL_API CDecodeCtrl : public CStatic {
 
   // The verifier with the faults of the last verification, or null.
   const CKVLSyntax* GetSyntax() const { return m_pSyntax.get(); }
-  // The engine of the session, or null. Of it only Prints() may be used while a worker runs.
+  // The engine of the session, or null. Of it only Prints() and HasTable() may be used while a
+  // worker runs.
   CKVL* GetEngine() { return m_pKVL.get(); }
   const COMM& GetCom() const { return m_comm; }
   const std::string& GetTableName() const { return m_strTableName; }

@@ -1,5 +1,7 @@
-// Whether a person looks at what the process prints.
+// The terminal that the process prints to, if it does.
 #pragma once
+
+#include <cstddef>
 
 #include "platform/api.h"
 
@@ -7,5 +9,12 @@ namespace kvl {
 
 KVL_API bool IsOutputTerminal();
 KVL_API bool IsErrorTerminal();
+
+// The size of the terminal behind standard output; 80 x 24 if it can't be told.
+struct CTerminalSize {
+  size_t m_nColumns = 80;
+  size_t m_nLines = 24;
+};
+KVL_API CTerminalSize OutputTerminalSize();
 
 }  // namespace kvl

@@ -33,6 +33,9 @@ class CTestOwner : public CEngineOwner {
   void OnPrint(std::string_view message) override {
     m_events.push_back(fmt::format("print {}", message));
   }
+  void OnPut(std::string_view tag, std::span<const uint8_t> payload) override {
+    m_events.push_back(fmt::format("put {} {}", tag, Hex(payload)));
+  }
 
   static constexpr int32_t kStopValue = 99;  // SYNC with it lets the run flag fall
   std::vector<std::string> m_events;
@@ -40,7 +43,9 @@ class CTestOwner : public CEngineOwner {
 
 class CTestEngine {
  public:
-  CTestEngine(std::string_view declarations, std::string_view main) : m_engine(&m_owner, "") {
+  // `table` is among those of this process.
+  CTestEngine(std::string_view declarations, std::string_view main, const char* table = "")
+      : m_engine(&m_owner, table, EAudience::kThisProcess) {
     const std::string text = fmt::format("{}\nBEGIN:\n{}\nEND:\n", declarations, main);
     m_engine._CompileMainScript1(m_engine.LoadText(text));
   }
