@@ -110,49 +110,40 @@ class CScale : public CPeer {
 // Lines without their line end, copied out one after the other.
 class CLines : public CPeer {
  public:
-  CFound Found() override { return {{static_cast<double>(m_nTaken)}, m_szLine}; }
+  CFound Found() override { return {{static_cast<double>(m_nTaken)}, m_strLine}; }
 
  protected:
-  void Take(const char* line, const char* end) {
-    const size_t size = std::min(static_cast<size_t>(end - line), sizeof m_szLine - 1);
-    std::copy_n(line, size, m_szLine);
-    m_szLine[size] = '\0';
-  }
-
-  char m_szLine[256] = {};
-  std::ptrdiff_t m_nTaken = 0;  // bytes of whole lines
+  std::string m_strLine;
+  size_t m_nTaken = 0;  // bytes of whole lines
 };
 
 class CSearchedLines : public CLines {
  public:
-  void Run(CBytes batch) override { Split(batch); }
+  void Run(CBytes batch) override { Split({CharsOf(batch.data()), batch.size()}); }
 
  private:
-  [[gnu::noinline]] void Split(CBytes batch) {
-    const char* line = CharsOf(batch.data());
-    const char* const end = line + batch.size();
-    while (const void* found = std::memchr(line, '\n', static_cast<size_t>(end - line))) {
-      Take(line, static_cast<const char*>(found));
-      line = static_cast<const char*>(found) + 1;
+  [[gnu::noinline]] void Split(std::string_view batch) {
+    size_t at = 0;
+    for (size_t end; (end = batch.find('\n', at)) != batch.npos; at = end + 1) {
+      m_strLine.assign(batch, at, end - at);
     }
-    m_nTaken = line - CharsOf(batch.data());
+    m_nTaken = at;
   }
 };
 
 class CBytewiseLines : public CLines {
  public:
-  void Run(CBytes batch) override { Split(batch); }
+  void Run(CBytes batch) override { Split({CharsOf(batch.data()), batch.size()}); }
 
  private:
-  [[gnu::noinline]] void Split(CBytes batch) {
-    const char* line = CharsOf(batch.data());
-    const char* const end = line + batch.size();
-    for (const char* p = line; p != end; ++p) {
-      if (*p != '\n') continue;
-      Take(line, p);
-      line = p + 1;
+  [[gnu::noinline]] void Split(std::string_view batch) {
+    size_t start = 0;
+    for (size_t i = 0; i < batch.size(); ++i) {
+      if (batch[i] != '\n') continue;
+      m_strLine.assign(batch, start, i - start);
+      start = i + 1;
     }
-    m_nTaken = line - CharsOf(batch.data());
+    m_nTaken = start;
   }
 };
 

@@ -41,11 +41,11 @@ void CopyAscending(uint8_t* to, const uint8_t* from, size_t count) {
 
 // Takes what the source has and what the destination has room for. The terminator is written if
 // there is room for it too, so that a buffer can be filled to its last byte.
-template <ESource TCount>
+template <EIndex TMost, ESource TCount>
 const CStep* Copy(const CStep& step, CRunState&) {
   const int32_t count = ReadAs<int32_t, TCount>(step.m_operand[2]);
-  const std::span<uint8_t> to = ResolvePlace(step.m_operand[0]);
-  const std::span<uint8_t> from = ResolvePlace(step.m_operand[1]);
+  const std::span<uint8_t> to = ResolvePlace<TMost>(step.m_operand[0]);
+  const std::span<uint8_t> from = ResolvePlace<TMost>(step.m_operand[1]);
   if (to.empty() || from.empty()) return &step + 1;
   const size_t wanted = static_cast<size_t>(std::max(count, 0));
   const size_t copied = std::min({wanted, from.size(), to.size()});
@@ -55,20 +55,22 @@ const CStep* Copy(const CStep& step, CRunState&) {
 }
 
 // A count below 1 cuts the string at that place.
+template <EIndex TMost>
 const CStep* Cut(const CStep& step, CRunState&) {
-  const std::span<uint8_t> to = ResolvePlace(step.m_operand[0]);
-  if (!to.empty() && !ResolvePlace(step.m_operand[1]).empty()) to[0] = 0;
+  const std::span<uint8_t> to = ResolvePlace<TMost>(step.m_operand[0]);
+  if (!to.empty() && !ResolvePlace<TMost>(step.m_operand[1]).empty()) to[0] = 0;
   return &step + 1;
 }
 
+template <EIndex TMost>
 FHandler ChooseCopy(const CBoundOperand& count) {
   switch (SourceOf(count)) {
     case ESource::Literal:
-      return count.m_nNumber < 1 ? Cut : Copy<ESource::Literal>;
+      return count.m_nNumber < 1 ? Cut<TMost> : Copy<TMost, ESource::Literal>;
     case ESource::Integer:
-      return Copy<ESource::Integer>;
+      return Copy<TMost, ESource::Integer>;
     default:
-      return Copy<ESource::Any>;
+      return Copy<TMost, ESource::Any>;
   }
 }
 
@@ -112,7 +114,10 @@ void BindCopy(CBinder& binder, const CCommandTable& command, CStep& step) {
     step.m_operand[1] = binder.BindPlace(source);
   }
   step.m_operand[2] = binder.BindCount(command.m_szOperand[2]);
-  step.m_plain = ChooseCopy(step.m_operand[2]);
+  const bool computed = step.m_operand[0].m_index == EIndex::Expression ||
+                        step.m_operand[1].m_index == EIndex::Expression;
+  step.m_plain = computed ? ChooseCopy<EIndex::Expression>(step.m_operand[2])
+                          : ChooseCopy<EIndex::Scalar>(step.m_operand[2]);
 }
 
 void BindConv(CBinder& binder, const CCommandTable& command, CStep& step) {

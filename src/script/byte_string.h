@@ -22,9 +22,9 @@ inline std::string_view AsText(const uint8_t* bytes, int32_t size) {
 // Stores a length or a position into a bound scalar, if it is one.
 inline void StoreInteger(const CBoundOperand& scalar, int32_t value) {
   if (scalar.m_kind != EOperand::Scalar) return;
-  if (scalar.m_type == kByte) Store(scalar.m_pData, static_cast<uint8_t>(value));
-  if (scalar.m_type == kInteger) Store(scalar.m_pData, value);
-  if (scalar.m_type == kDouble) Store(scalar.m_pData, static_cast<double>(value));
+  if (scalar.m_type == kInteger) return Store(scalar.m_pData, value);
+  if (scalar.m_type == kByte) return Store(scalar.m_pData, static_cast<uint8_t>(value));
+  if (scalar.m_type == kDouble) return Store(scalar.m_pData, static_cast<double>(value));
 }
 
 // Stores a double into a bound scalar, if it is one, by its type.

@@ -21,10 +21,9 @@ inline ESource SourceOf(const CBoundOperand& operand) {
   return isByte ? ESource::ByteElement : ESource::Any;
 }
 
-// The index of a ByteElement is a scalar's. As unsigned a negative one is beyond any size.
+// As unsigned a negative index is beyond any size.
 inline int8_t ReadByteElement(const CBoundOperand& operand) {
-  const uint32_t index =
-      Load<uint32_t>(operand.m_pIndex) + static_cast<uint32_t>(operand.m_nOffset);
+  const auto index = static_cast<uint32_t>(IndexOf<EIndex::Scalar>(operand));
   if (index >= static_cast<uint32_t>(operand.m_nSize)) return 0;
   return Load<int8_t>(operand.m_pData + index);
 }

@@ -59,9 +59,12 @@ struct CIndexTerm {
 double EvaluateIndex(const CIndexExpression& expression);
 int32_t NarrowedIndex(const CIndexExpression& expression);
 
-// Of an operand with an index.
-inline int32_t IndexOf(const CBoundOperand& operand) {
-  if (operand.m_index == EIndex::Expression) return NarrowedIndex(*operand.m_pExpression);
+// Of an operand with an index, which is at most of the kind TMost.
+template <EIndex TMost = EIndex::Expression>
+int32_t IndexOf(const CBoundOperand& operand) {
+  if constexpr (TMost == EIndex::Expression) {
+    if (operand.m_index == EIndex::Expression) return NarrowedIndex(*operand.m_pExpression);
+  }
   // Wraps as the narrowing of the exact sum does.
   return static_cast<int32_t>(Load<uint32_t>(operand.m_pIndex) +
                               static_cast<uint32_t>(operand.m_nOffset));
@@ -72,11 +75,13 @@ double ReadNumber(const CBoundOperand& operand);
 
 // The bytes from a place bound by BindPlace to the end of its variable; empty, with a null
 // pointer, if there is no such place.
-inline std::span<uint8_t> ResolvePlace(const CBoundOperand& place) {
-  if (place.m_index == EIndex::None) return {place.m_pData, static_cast<size_t>(place.m_nSize)};
-  const int32_t index = IndexOf(place);
-  if (index < 0 || index >= place.m_nSize) return {};
-  return {place.m_pData + index, static_cast<size_t>(place.m_nSize - index)};
+template <EIndex TMost = EIndex::Expression>
+std::span<uint8_t> ResolvePlace(const CBoundOperand& place) {
+  const auto size = static_cast<uint32_t>(place.m_nSize);
+  if (place.m_index == EIndex::None) return {place.m_pData, size};
+  const auto index = static_cast<uint32_t>(IndexOf<TMost>(place));
+  if (index >= size) return {};  // as is a negative one
+  return {place.m_pData + index, size - index};
 }
 
 // Binds operand texts to the variables of one script. The operands stay valid as long as the
