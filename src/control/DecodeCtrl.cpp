@@ -1,6 +1,7 @@
 #include "control/DecodeCtrl.h"
 
 #include <algorithm>
+#include <chrono>
 #include <new>
 
 #include "control/socket_texts.h"
@@ -19,6 +20,7 @@ constexpr int32_t kMaxBusyPasses = 64;
 constexpr int32_t kMaxReadsPerTurn = 128;  // so that a flood does not keep the script from running
 constexpr int32_t kRetryMs = 50;           // before trying again what had no memory or no room
 constexpr int32_t kSockErrNoBuffers = 10055;
+constexpr std::chrono::microseconds kSoon{50};
 
 int32_t ErrorOf(LPARAM lParam) {
   return static_cast<int32_t>(lParam >> 16 & 0xFFFF);
@@ -283,6 +285,7 @@ void CDecodeCtrl::WorkerThread(const std::string& script) noexcept {
   m_pKVL->_CompileMainScript1(m_pKVL->LoadScript(script.c_str()));
   m_nBusyPasses = 0;
   m_nBusyPassesNext = 1;
+  m_bNextComesSoon = false;
   while (m_session.m_bRun != 0) {
     const auto turn = [this] {
       Turn();
@@ -315,6 +318,7 @@ void CDecodeCtrl::DrainPort() {
     }
     m_session.OnReceived({bytes, static_cast<size_t>(count)});
     m_queue.PutBatch(bytes, count, CQueue::Zeros::kDrop);
+    if (count < kReadSize) return;  // that was all; what comes now is the next turn's
   }
 }
 
@@ -347,9 +351,24 @@ void CDecodeCtrl::RunEmptyPass() {
 void CDecodeCtrl::WaitForBytes() {
   if (const std::shared_ptr<CRS232Ctrl> port = m_port.Get()) {
     if (port->WaitForBytes(m_session.m_wakeup, -1) == SerialWait::kLost) LosePort(port);
-  } else if (m_queue.GetSize() == 0) {
-    m_session.m_wakeup.Wait(m_bLossUntold ? kRetryMs : -1);
+    return;
   }
+  const auto start = std::chrono::steady_clock::now();
+  if (m_bNextComesSoon && LookForBytes()) return;
+  if (m_queue.GetSize() == 0) m_session.m_wakeup.Wait(m_bLossUntold ? kRetryMs : -1);
+  m_bNextComesSoon = std::chrono::steady_clock::now() - start < kSoon;
+}
+
+// Where a peer answers within microseconds, to be woken by the control's thread takes longer than
+// the rest of the road. Looking for a moment ahead of the sleep spares that; a peer that has once
+// taken longer is not looked for again.
+bool CDecodeCtrl::LookForBytes() const {
+  const auto end = std::chrono::steady_clock::now() + kSoon;
+  while (m_queue.GetSize() == 0 && m_session.m_bRun != 0) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    Sleep(0);
+  }
+  return true;
 }
 
 // A port that is gone is let go of at once: the system may want to give its name to the device

@@ -119,6 +119,7 @@ class KVL_API CDecodeCtrl : public CStatic {
   void RunPass();
   void RunEmptyPass();
   void WaitForBytes();
+  bool LookForBytes() const;
   void LosePort(const std::shared_ptr<CRS232Ctrl>& port);
   void TellLoss();
 
@@ -145,6 +146,7 @@ class KVL_API CDecodeCtrl : public CStatic {
 
   // The worker's own.
   bool m_bLossUntold = false;
+  bool m_bNextComesSoon = false;  // the last wait for bytes of a socket was a short one
   int32_t m_nBusyPasses = 0;  // empty passes to run before it is worth asking for idleness again
   int32_t m_nBusyPassesNext = 1;
 };

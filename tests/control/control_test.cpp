@@ -248,9 +248,12 @@ TEST_F(CDecodeCtrlTest, CloseTellsItsReason) {
 
 TEST_F(CDecodeCtrlTest, ThrowingObserverAndForgottenStopDoNoHarm) {
   seen.onStatus = [](ESessionStatus) { throw std::runtime_error("host"); };
+  seen.throwAt = 1;  // as memory that runs out in the middle of a pass
   StartSerial(kPrintBatches);
   LineSends("a");
-  EXPECT_TRUE(ReachesPrints(1));
+  ASSERT_TRUE(ReachesPrints(1));
+  LineSends("b");
+  EXPECT_TRUE(ReachesPrints(2));
   auto second = std::make_unique<CTestCtrl>();  // no window, never stopped
   second->SetScriptName(script.Path().c_str());
   EXPECT_EQ(second->VerifyScript(), 0);

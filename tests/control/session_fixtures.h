@@ -11,6 +11,7 @@
 #include <fstream>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -47,7 +48,7 @@ class CSeenSession : public CSessionObserver {
   void OnPrint(std::string_view message) override {
     std::unique_lock guard(m_lock);
     m_prints.emplace_back(message);
-    ++printed;
+    if (++printed == throwAt) throw std::runtime_error("host");
     m_changed.wait(guard, [this] { return m_bOpen; });
   }
 
@@ -79,6 +80,7 @@ class CSeenSession : public CSessionObserver {
   std::atomic<size_t> received{0};
   std::atomic<int> sent{0};
   std::atomic<size_t> printed{0};
+  size_t throwAt = 0;  // the PRINT, counted from 1, whose observer fails
 
  private:
   std::mutex m_lock;

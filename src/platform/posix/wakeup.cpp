@@ -34,13 +34,14 @@ CWakeup::CWakeup() : m_pImpl(std::make_unique<Impl>()) {}
 CWakeup::~CWakeup() = default;
 
 void CWakeup::Set() {
-  const std::lock_guard guard(m_pImpl->lock);
+  std::unique_lock guard(m_pImpl->lock);
   if (std::exchange(m_pImpl->bSet, true)) return;
   if (m_pImpl->bPolling) {
     const uint64_t one = 1;
     // An eventfd takes this unless it is signalled already.
     [[maybe_unused]] const ssize_t written = write(m_pImpl->event.Get(), &one, sizeof one);
   } else {
+    guard.unlock();  // or who wakes up would have to wait for it
     m_pImpl->changed.notify_one();
   }
 }
@@ -71,8 +72,10 @@ PollResult PollBeside(int fd, short events, CWakeup& wakeup, int32_t timeoutMs, 
 
   const std::lock_guard guard(impl.lock);
   impl.bPolling = false;
-  uint64_t signals = 0;
-  [[maybe_unused]] const ssize_t taken = read(impl.event.Get(), &signals, sizeof signals);
+  if (impl.bSet) {  // since the poll began, so that the descriptor was signalled
+    uint64_t signals = 0;
+    [[maybe_unused]] const ssize_t taken = read(impl.event.Get(), &signals, sizeof signals);
+  }
   *pEvents = ready < 0 ? short{0} : fds[0].revents;
   if (*pEvents != 0) return PollResult::kReady;  // a Set stays for the next wait
   return std::exchange(impl.bSet, false) ? PollResult::kWoken : PollResult::kTimeout;
