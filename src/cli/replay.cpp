@@ -3,10 +3,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "cli/diagnostics.h"
 #include "cli/script_file.h"
 #include "cli/tags.h"
 #include "script/KVL.h"
+#include "script/decimal.h"
 
 namespace kvl::cli {
 namespace {
@@ -58,12 +61,32 @@ int Replay(const CReplayOptions& options, const CContext& context, CReplayReport
   return kDone;
 }
 
+namespace {
+
+// Decimal digits only, from 1 to `most`. Leading zeros mean nothing.
+CLI::Validator WholeNumber(uint64_t most) {
+  const auto check = [most](std::string& text) -> std::string {
+    text.erase(0, std::min(text.find_first_not_of('0'), text.size()));
+    const bool digits = std::ranges::all_of(text, IsDigit) && !text.empty() && text.size() < 20;
+    if (digits && std::stoull(text) <= most) return {};
+    return fmt::format("must be a whole number from 1 to {}", most);
+  };
+  return {check, ""};
+}
+
+CLI::Validator NotEmpty() {
+  return {[](const std::string& text) -> std::string { return text.empty() ? "is empty" : ""; },
+          ""};
+}
+
+}  // namespace
+
 void AddReplayOptions(CLI::App& command, CReplayOptions& options) {
   CBatchOptions& batches = options.m_batches;
   const auto cut = [&batches](const std::string& /*value*/) { batches.m_bCut = true; };
   CLI::Option* chunk =
       command.add_option("--chunk", batches.m_nChunk, "Cut INPUT into batches of N bytes")
-          ->check(CLI::Range(size_t{1}, size_t{1} << 30))
+          ->transform(WholeNumber(size_t{1} << 30))
           ->type_name("N")
           ->capture_default_str()
           ->each(cut);
@@ -81,12 +104,14 @@ void AddReplayOptions(CLI::App& command, CReplayOptions& options) {
                   "One batch, as hexadecimal; may be repeated; '' is an empty batch")
       ->type_name("HEX")
       ->expected(1)
+      ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   command.add_flag("--no-check", options.m_bNoCheck, "Skip verification");
   command.add_option("--tags", options.m_tags, "Lay the tags of FILE in a private table")
+      ->check(NotEmpty())
       ->type_name("FILE");
   command.add_option("--max-steps", options.m_nMaxSteps, "End a pass after N instructions")
-      ->check(CLI::PositiveNumber)
+      ->transform(WholeNumber(1000000000000000000))
       ->type_name("N");
 }
 
@@ -98,6 +123,7 @@ void AddReplayCommand(CLI::App& app, CContext& context) {
   AddReplayOptions(*command, *options);
   command
       ->add_option("INPUT", options->m_batches.m_input, "File of raw bytes, - for standard input")
+      ->check(NotEmpty())
       ->excludes("--batch");
   command->add_flag("--json", *json, "Print events as JSON, one object a line");
   command->callback([options, json, &context] {

@@ -37,7 +37,7 @@ const char* SuffixOf(const CVariableTable& variable) {
 }
 
 std::span<const uint8_t> ValueOf(const CVariableTable& variable) {
-  return BytesOf(variable).first(static_cast<size_t>(variable.m_nSize));
+  return BytesOf(variable);
 }
 
 class CJsonReport : public CReplayReport {

@@ -295,6 +295,7 @@ void AddRunCommand(CLI::App& app, CContext& context) {
                    "The device that a port name of the script stands for; may be repeated")
       ->type_name("NAME=DEVICE")
       ->expected(1)
+      ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   command->add_flag("--trace", options->m_bTrace, "Print every byte received and sent");
   command->add_option("--capture", options->m_capture, "Record what is received, with its times")

@@ -303,7 +303,7 @@ double CKVL::GetOperandValue(const char* pszOperand) {
 }
 
 void CKVL::StoreScalar(const CVariableTable& variable, double value) {
-  kvl::StoreScalar(CBinder(m_listVariable).BindScalar(variable.m_szName), value);
+  if (variable.m_nKind == kVar) kvl::StoreScalar(CBinder::BindWhole(variable), value);
 }
 
 int32_t CKVL::TranslateString(const uint8_t* pRaw, uint8_t* pOutput, int32_t nRaw) {
@@ -328,7 +328,10 @@ void CKVL::SendString(const uint8_t* pBytes, int32_t nBytes, int32_t nInterval) 
                       : m_nInterface == kMediaTcp  ? m_pSocket
                                                    : nullptr;
   const auto write = [line](const uint8_t* bytes, int32_t count) {
-    if (line != nullptr && line->IsOpen()) line->Write(bytes, count);
+    try {
+      if (line != nullptr && line->IsOpen()) line->Write(bytes, count);
+    } catch (...) {  // whatever an owner's line throws, the script goes on
+    }
   };
   m_pParent->OnOut({pBytes, static_cast<size_t>(nBytes)}, nInterval);
   if (nInterval == 0) {

@@ -98,7 +98,7 @@ void BindClear(CBinder& binder, const CCommandTable& command, CStep& step) {
   step.m_plain = SkipStep;
   const CVariableTable* variable = binder.FindVariable(command.m_szOperand[0]);
   if (variable == nullptr || variable->m_nKind == kEqu || variable->m_nKind == kAssign) return;
-  step.m_operand[0] = binder.BindPlace(command.m_szOperand[0]);
+  step.m_operand[0] = CBinder::BindWhole(*variable);
   if (step.m_operand[0].m_nSize > 0) step.m_plain = Clear;
 }
 

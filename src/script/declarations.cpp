@@ -45,16 +45,9 @@ std::string_view QuotedText(std::string_view token) {
 
 std::span<uint8_t> BytesOf(const CVariableTable& variable) {
   const auto size = static_cast<size_t>(variable.m_nSize);
-  switch (variable.m_nKind) {
-    case kDim:
-      return {BlockOf(variable), size};
-    case kEqu:
-    case kAssign:
-      return {BlockOf(variable), size + 1};
-    default:
-      // The value lies in the record itself, which the storage owns and instructions change.
-      return {const_cast<uint8_t*>(variable.m_value), size};
-  }
+  if (variable.m_nKind != kVar) return {BlockOf(variable), size};
+  // The value lies in the record itself, which the storage owns and instructions change.
+  return {const_cast<uint8_t*>(variable.m_value), size};
 }
 
 CVariableTable* CVariableStorage::AppendWithBlock(std::string_view name, int64_t bytes) {

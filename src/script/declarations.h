@@ -96,7 +96,8 @@ class CVariableStorage {
   int64_t m_nBlockBytes = 0;
 };
 
-// Bytes that belong to a variable: what may be read and written through it.
+// Bytes that belong to a variable: what may be read and written through it. The zero byte behind
+// a text is none of them.
 KVL_API std::span<uint8_t> BytesOf(const CVariableTable& variable);
 
 }  // namespace kvl

@@ -80,38 +80,31 @@ CBoundOperand LiteralOperand(double number) {
   return operand;
 }
 
+CBoundOperand CBinder::BindWhole(const CVariableTable& variable) {
+  const std::span<uint8_t> bytes = BytesOf(variable);
+  CBoundOperand operand;
+  operand.m_kind = variable.m_nKind == kVar ? EOperand::Scalar : EOperand::Element;
+  operand.m_type = static_cast<EElementType>(variable.m_nType);
+  operand.m_pData = bytes.data();
+  operand.m_nSize = static_cast<int32_t>(bytes.size());
+  return operand;
+}
+
 CBoundOperand CBinder::BindScalar(std::string_view text) const {
   const CVariableTable* variable = m_variables.Find(text);
-  if (variable == nullptr || variable->m_nKind != kVar) return {};
-  CBoundOperand operand;
-  operand.m_kind = EOperand::Scalar;
-  operand.m_type = static_cast<EElementType>(variable->m_nType);
-  operand.m_pData = BytesOf(*variable).data();
-  operand.m_nSize = variable->m_nSize;
-  return operand;
+  return variable == nullptr || variable->m_nKind != kVar ? CBoundOperand() : BindWhole(*variable);
 }
 
 CBoundOperand CBinder::BindBuffer(std::string_view text) const {
   const CVariableTable* variable = m_variables.Find(text);
-  if (variable == nullptr || variable->m_nKind != kDim) return {};
-  CBoundOperand operand;
-  operand.m_kind = EOperand::Element;
-  operand.m_type = static_cast<EElementType>(variable->m_nType);
-  operand.m_pData = BytesOf(*variable).data();
-  operand.m_nSize = variable->m_nSize;
-  return operand;
+  return variable == nullptr || variable->m_nKind != kDim ? CBoundOperand() : BindWhole(*variable);
 }
 
 CBoundOperand CBinder::BindPlace(std::string_view text) {
   const size_t bracket = text.find('[');
   const CVariableTable* variable = m_variables.Find(text.substr(0, bracket));
   if (variable == nullptr) return {};
-  const std::span<uint8_t> bytes = BytesOf(*variable);
-  CBoundOperand operand;
-  operand.m_kind = variable->m_nKind == kVar ? EOperand::Scalar : EOperand::Element;
-  operand.m_type = static_cast<EElementType>(variable->m_nType);
-  operand.m_pData = bytes.data();
-  operand.m_nSize = static_cast<int32_t>(bytes.size());
+  CBoundOperand operand = BindWhole(*variable);
   if (bracket != text.npos && variable->m_nKind != kVar) BindIndex(text, bracket, 1, operand);
   return operand;
 }
@@ -122,8 +115,8 @@ CBoundOperand CBinder::BindValue(std::string_view text) {
   if (variable == nullptr || variable->m_nKind == kEqu || variable->m_nKind == kAssign) {
     return LiteralOperand(0);
   }
-  if (variable->m_nKind == kVar) return BindScalar(variable->m_szName);
-  CBoundOperand operand = BindBuffer(variable->m_szName);
+  CBoundOperand operand = BindWhole(*variable);
+  if (variable->m_nKind == kVar) return operand;
   const int32_t element = ElementSize(operand.m_type);
   if (bracket != text.npos) BindIndex(text, bracket, element, operand);
   if (operand.m_index != EIndex::None) return operand;

@@ -94,6 +94,8 @@ class CBinder {
   CBoundOperand BindScalar(std::string_view text) const;
   CBoundOperand BindBuffer(std::string_view text) const;
   const CVariableTable* FindVariable(std::string_view text) const { return m_variables.Find(text); }
+  // All bytes of a variable that was found.
+  static CBoundOperand BindWhole(const CVariableTable& variable);
 
   // Where NAME or NAME[index] lies; the index counts bytes.
   CBoundOperand BindPlace(std::string_view text);

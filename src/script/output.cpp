@@ -57,7 +57,7 @@ void BindOut(CBinder& binder, const CCommandTable& command, CStep& step) {
   }
   const CVariableTable* variable = binder.FindVariable(text);
   if (variable == nullptr || variable->m_nKind == kVar) return;
-  step.m_operand[0] = binder.BindPlace(text);
+  step.m_operand[0] = CBinder::BindWhole(*variable);
   step.m_plain = OutBuffer;
 }
 

@@ -111,8 +111,7 @@ void BindPrinting(CBinder& binder, const CCommandTable& command, CStep& step, FH
   }
   const CVariableTable* variable = binder.FindVariable(text);
   if (variable == nullptr) return;
-  source = binder.BindPlace(text);
-  source.m_nSize = variable->m_nSize;  // a text without its terminator
+  source = CBinder::BindWhole(*variable);
   step.m_plain = variable->m_nKind == kVar ? PrintScalar : printBytes;
 }
 

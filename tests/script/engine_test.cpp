@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "script/test_engine.h"
+#include "transport/line.h"
 
 namespace kvl {
 namespace {
@@ -194,6 +195,29 @@ TEST(EngineTest, Prints) {
               (CEvents{std::string("print ") + row.plain, std::string("print ") + row.extended}))
         << row.operands;
   }
+}
+
+// A declared name may hold a bracket; by plain name it is itself and no element of another one.
+TEST(EngineTest, ANameWithABracketIsNoElement) {
+  CTestEngine test("DIM A$ 4\nDIM A[0]$ 9000\nVAR B[1]% 77\nVAR B% 5\nEQU C \"const\"\nDIM C[1]$ 9",
+                   "COPY A, \"own\", 3\nPRINTEX A[0]\nPRINT B[1]\nCLEAR C[1]\nOUT A[0]\nOUT C");
+  test.Run();
+  EXPECT_EQ(test.m_owner.m_events, (CEvents{"print ", "print 77", "out 636f6e7374 0"}));
+}
+
+class CThrowingLine : public CLine {
+ public:
+  bool IsOpen() const override { return true; }
+  int32_t Write(const uint8_t*, int32_t) override { throw 1; }
+  void Interrupt() override {}
+};
+
+TEST(EngineTest, AFailureOnTheLineNeverStopsTheScript) {
+  CTestEngine test("VAR N% 0", "OUT \"a\"\nDELAY 1\nOUT \"b\"\nINC N");
+  CThrowingLine line;
+  test.m_engine.SetLine(1, &line);
+  test.Run();
+  EXPECT_EQ(test.Show("N"), "1");
 }
 
 TEST(EngineTest, PrintsAreCutAtTheirAreas) {

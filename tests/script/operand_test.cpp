@@ -84,8 +84,8 @@ TEST(OperandTest, PlacesCountBytesAndStayInside) {
   } rows[] = {
       {"BUF", "BUF", 0},       {"BUF[9]", "BUF", 9}, {"BUF[10]", nullptr, 0},
       {"BUF[-1]", nullptr, 0}, {"IDX[1]", "IDX", 1}, {"IDX[15]", "IDX", 15},
-      {"IDX[16]", nullptr, 0}, {"MSG[3]", "MSG", 3}, {"MSG[6]", "MSG", 6},  // the terminator
-      {"MSG[7]", nullptr, 0},  {"NONE", "NONE", 0},  {"I[7]", "I", 0},
+      {"IDX[16]", nullptr, 0}, {"MSG[3]", "MSG", 3}, {"MSG[5]", "MSG", 5},
+      {"MSG[6]", nullptr, 0},  {"NONE", nullptr, 0}, {"I[7]", "I", 0},
       {"NO", nullptr, 0},
   };
   for (const auto& row : rows) {

@@ -63,7 +63,7 @@ class CTestEngine {
     if (!asText && !asHex) return fmt::format("{}", m_engine.GetBufferValue(what.c_str()));
     const CVariableTable* variable = m_engine.FindVariableTable(what.c_str() + 1);
     if (variable == nullptr) return "undeclared";
-    const auto bytes = BytesOf(*variable).first(static_cast<size_t>(variable->m_nSize));
+    const auto bytes = BytesOf(*variable);
     const std::string all(bytes.begin(), bytes.end());
     return asHex ? Hex(bytes) : all.substr(0, all.find('\0'));
   }
