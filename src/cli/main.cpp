@@ -1,14 +1,24 @@
 // The command `kvl`: reads the command line and runs the subcommand that it names.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <span>
+#include <string>
+#include <string_view>
 
 #include "cli/commands.h"
 #include "cli/output.h"
+#include "cli/suggest.h"
 
 namespace {
 
 using namespace kvl::cli;
+
+void PrintError(const CContext& context, std::string_view message) {
+  const CPainter painter(context.m_color, CPainter::EStream::Error);
+  fmt::print(stderr, "kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), message);
+}
 
 int Run(int argc, char** argv) {
   CContext context;
@@ -20,11 +30,14 @@ int Run(int argc, char** argv) {
     FlushOutput();
     return exit;
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    const std::span<const char* const> arguments(argv + std::min(1, argc), argv + argc);
+    const std::string unknown = error.get_exit_code() == 0 ? "" : UnknownWord(app, arguments);
+    if (unknown.empty()) return app.exit(error) == 0 ? kDone : kUsage;
+    PrintError(context, unknown + "\nRun with --help for more information.");
+    return kUsage;
   } catch (const CCommandError& error) {
     std::fflush(stdout);
-    const CPainter painter(context.m_color, CPainter::EStream::Error);
-    fmt::print(stderr, "kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), error.what());
+    PrintError(context, error.what());
     return error.Exit();
   }
 }

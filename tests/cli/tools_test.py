@@ -129,6 +129,19 @@ class ToolsTest(unittest.TestCase):
         self.exit(0, "check", self.folder / "a\nBEGIN:.kvl")
         self.exit(1, "new", self.folder / "no folder" / "a.kvl")
 
+    def test_slips_of_the_keyboard(self):
+        for words, message in [
+            (["chekc"], b"no command 'chekc'; did you mean 'check'?"),
+            (["--color", "never", "replya", "x"], b"did you mean 'replay'?"),
+            (["replay", "x", "--jsn"], b"no option '--jsn'; did you mean '--json'?"),
+            (["replay", "x", "--colour=never"], b"did you mean '--color'?"),
+            (["frobnicate"], b"no command 'frobnicate'\n"),
+            (["replay"], b"SCRIPT is required"),
+            ([], b"A subcommand is required"),
+        ]:
+            with self.subTest(words):
+                self.assertIn(message, self.exit(2, *words).stderr)
+
 
 if __name__ == "__main__":
     unittest.main()
