@@ -10,6 +10,7 @@
 #include <exception>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 
 #include "cli/output.h"
@@ -52,14 +53,11 @@ class CRate {
 };
 
 struct CWatchedTag {
-  explicit CWatchedTag(const std::string& name) : m_event(name + kEventSuffix, EAudience::kOwner) {}
-
   CTagImage m_image;
   CTagImage m_old;           // what it held before the last new value
   int64_t m_nWritten = 0;    // when that came, by the wall clock; 0 for not yet
   int64_t m_nWrittenMs = 0;  // and by GetTickCount
   CRate m_rate;
-  CNamedEvent m_event;
 };
 
 // How the user sees it.
@@ -219,9 +217,7 @@ class CTableWatch {
       FlushOutput();
       const EWaited waited =
           whole ? m_group.WaitForAny(m_events, m_seen, m_view.Patience()) : EWaited::kRemoved;
-      if (waited != EWaited::kRemoved || m_bStop) continue;
-      Follow();
-      m_view.Follow(m_tags);
+      if (waited == EWaited::kRemoved && !m_bStop) FollowOn();
     }
   }
 
@@ -265,6 +261,7 @@ class CTableWatch {
       same = std::ranges::equal(tags, now, {}, &CTagImage::m_strName, &CTagImage::m_strName);
       tags = std::move(now);
     }
+    m_tags = std::vector<CWatchedTag>(tags.size());
     for (size_t i = 0; i < tags.size(); ++i) m_tags[i].m_image = std::move(tags[i]);
     if (m_tags.empty()) {
       throw CCommandError(kFailed, fmt::format("table '{0}' holds no tag to follow; kvl table show "
@@ -274,20 +271,39 @@ class CTableWatch {
     m_bFollowing = true;
   }
 
+  // An event was removed: with its table, or with another one that has a tag of its name. What was
+  // written meanwhile set no event that was looked at, and shows only in the values.
+  void FollowOn() {
+    std::vector<CWatchedTag> before = std::move(m_tags);
+    Follow();
+    m_view.Follow(m_tags);
+    std::unordered_map<std::string, CWatchedTag> known;
+    for (CWatchedTag& tag : before) known.emplace(tag.m_image.m_strName, std::move(tag));
+    for (CWatchedTag& tag : m_tags) {
+      const auto found = known.find(tag.m_image.m_strName);
+      if (found == known.end()) continue;
+      CTagImage image = std::exchange(tag, std::move(found->second)).m_image;
+      const bool same =
+          image.m_type == tag.m_image.m_type && image.m_payload == tag.m_image.m_payload;
+      if (!same) Tell(tag, std::move(image), 1);
+    }
+  }
+
   void OpenEvents(const std::vector<CTagImage>& tags) {
-    m_tags.clear();
+    m_opened.clear();
     m_events.clear();
     m_seen.clear();
-    m_tags.reserve(tags.size());
+    m_opened.reserve(tags.size());
     for (const CTagImage& tag : tags) {
-      const CWatchedTag& added = m_tags.emplace_back(tag.m_strName);
-      if (!added.m_event.IsOpen()) {
+      const CNamedEvent& event =
+          m_opened.emplace_back(tag.m_strName + kEventSuffix, EAudience::kOwner);
+      if (!event.IsOpen()) {
         throw CCommandError(kFailed,
                             fmt::format("tag '{}' can't be followed: {}", Printable(tag.m_strName),
-                                        ErrorText(added.m_event.Error())));
+                                        ErrorText(event.Error())));
       }
-      m_events.push_back(&added.m_event);
-      m_seen.push_back(added.m_event.SetCount());
+      m_events.push_back(&event);
+      m_seen.push_back(event.SetCount());
     }
   }
 
@@ -302,24 +318,29 @@ class CTableWatch {
     }
   }
 
-  // False if a tag is no longer there.
+  // False if a tag or its event is no longer there.
   bool TellNewValues() {
     constexpr uint32_t kCountMask = (1u << 30) - 1;
     for (size_t i = 0; i < m_tags.size(); ++i) {
       CWatchedTag& tag = m_tags[i];
-      const uint32_t count = tag.m_event.SetCount();
+      if (m_opened[i].IsRemoved()) return false;
+      const uint32_t count = m_opened[i].SetCount();
       const uint32_t writes = (count - m_seen[i]) & kCountMask;
       if (writes == 0) continue;
       m_seen[i] = count;
       CTagImage image;
       if (!m_table.Get(tag.m_image.m_strName, image)) return false;
-      tag.m_old = std::exchange(tag.m_image, std::move(image));
-      tag.m_nWritten = GetWallClock();
-      tag.m_nWrittenMs = GetTickCount();
-      tag.m_rate.Add(writes, tag.m_nWrittenMs);
-      m_view.NewValue(tag);
+      Tell(tag, std::move(image), writes);
     }
     return true;
+  }
+
+  void Tell(CWatchedTag& tag, CTagImage image, uint32_t writes) {
+    tag.m_old = std::exchange(tag.m_image, std::move(image));
+    tag.m_nWritten = GetWallClock();
+    tag.m_nWrittenMs = GetTickCount();
+    tag.m_rate.Add(writes, tag.m_nWrittenMs);
+    m_view.NewValue(tag);
   }
 
   const CWatchOptions& m_options;
@@ -327,8 +348,9 @@ class CTableWatch {
   CTableOwner m_table;
   std::vector<std::string> m_names;  // empty for all
   std::vector<CWatchedTag> m_tags;
-  std::vector<const CNamedEvent*> m_events;  // of m_tags, and how often each had been set
-  std::vector<uint32_t> m_seen;
+  std::vector<CNamedEvent> m_opened;         // the events of m_tags
+  std::vector<const CNamedEvent*> m_events;  // the same
+  std::vector<uint32_t> m_seen;              // how often each had been set
   CEventGroup m_group{EAudience::kOwner};
   bool m_bFollowing = false;
   std::atomic<bool> m_bStop = false;

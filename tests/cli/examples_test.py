@@ -12,6 +12,7 @@ import kvl
 
 # folder, its input, how its expected.jsonl cuts it
 EXAMPLES = [
+    ("gauge", "input.txt", ["--lines"]),
     ("nmea0183", "input.nmea", ["--lines"]),
     ("p1-meter", "input.p1", ["--chunk", "64"]),
     ("scale", "input.txt", ["--lines"]),
@@ -25,7 +26,7 @@ def files(name, recording):
 
 def decode(script, *arguments):
     """The events, the last without the variables that no PUT publishes."""
-    events = kvl.replay(script, *arguments)
+    events = kvl.replay(script, "--tags", script.with_suffix(".tags"), *arguments)
     names = set(re.findall(r"^\s*PUT \w+, (\w+)$", script.read_text(), re.M))
     events[-1]["variables"] = [v for v in events[-1]["variables"] if v["name"] in names]
     return events
@@ -72,7 +73,7 @@ class ExamplesTest(unittest.TestCase):
                 self.assertEqual(written, capture.read_bytes())
 
     def test_scale_is_asked_again_after_a_second_of_silence(self):
-        script, _, capture = files(*EXAMPLES[2][:2])
+        script, _, capture = files("scale", "input.txt")
         silence = ["--batch", ""]
         events = decode(script, *silence * 22, "--batch", b"ST,GS,+   1".hex(), *silence * 21,
                         "--batch", b"ST,GS,+   2.000kg\r\n".hex())

@@ -3,19 +3,64 @@
 import json
 import os
 import pathlib
+import queue
 import re
 import shlex
 import struct
 import subprocess
 import tempfile
+import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+PATIENCE = 60  # seconds; only bounds a failing test
 
 
-def run(*arguments, stdin=b"", timeout=60):
+def command(*arguments):
+    return [os.environ.get("KVL", ROOT / "build/dev/src/cli/kvl"), *map(str, arguments)]
+
+
+def run(*arguments, stdin=b"", timeout=PATIENCE):
     """The finished process; its output is bytes."""
-    command = [os.environ.get("KVL", ROOT / "build/dev/src/cli/kvl"), *map(str, arguments)]
-    return subprocess.run(command, input=stdin, capture_output=True, timeout=timeout)
+    return subprocess.run(command(*arguments), input=stdin, capture_output=True, timeout=timeout)
+
+
+class Live:
+    """A running command whose standard output is JSON, read event by event."""
+
+    def __init__(self, *arguments):
+        self.process = subprocess.Popen(
+            command(*arguments),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            stdin=subprocess.DEVNULL,
+        )
+        self.events = []
+        self.incoming = queue.Queue()
+        threading.Thread(target=self.read, daemon=True).start()
+
+    def read(self):
+        for line in self.process.stdout:
+            self.incoming.put(json.loads(line))
+        self.incoming.put(None)
+
+    def until(self, **wanted):
+        """The next event with these fields; what comes ahead of it is kept in `events`."""
+        while True:
+            event = self.incoming.get(timeout=PATIENCE)
+            if event is None:
+                raise AssertionError(f"ended without {wanted}: {self.events}")
+            self.events.append(event)
+            if all(event.get(key) == value for key, value in wanted.items()):
+                return event
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+        self.process.stderr.close()
 
 
 def replay(*arguments, stdin=b""):

@@ -9,13 +9,11 @@ import signal
 import socket
 import subprocess
 import tempfile
-import threading
 import tty
 import unittest
 
 import kvl
-
-PATIENCE = 60  # seconds; only bounds a failing test
+from kvl import PATIENCE
 
 ECHO = """VAR N% 0
 DIM RX$ 8192
@@ -39,36 +37,14 @@ OPEN STOP_BIT 1
 """
 
 
-class Session:
-    """A running `kvl run --json`, read event by event."""
+class Session(kvl.Live):
+    """A running `kvl run --json`."""
 
     def __init__(self, script, *options):
         self.folder = tempfile.TemporaryDirectory()
         self.script = pathlib.Path(self.folder.name) / "script.kvl"
         self.script.write_text(script)
-        command = [os.environ.get("KVL", kvl.ROOT / "build/dev/src/cli/kvl"), "run", "--json"]
-        command += [*map(str, options), self.script]
-        self.process = subprocess.Popen(
-            command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL
-        )
-        self.events = []
-        self.incoming = queue.Queue()
-        threading.Thread(target=self.read, daemon=True).start()
-
-    def read(self):
-        for line in self.process.stdout:
-            self.incoming.put(json.loads(line))
-        self.incoming.put(None)
-
-    def until(self, **wanted):
-        """The next event with these fields; what comes ahead of it is kept in `events`."""
-        while True:
-            event = self.incoming.get(timeout=PATIENCE)
-            if event is None:
-                raise AssertionError(f"ended without {wanted}: {self.events}")
-            self.events.append(event)
-            if all(event.get(key) == value for key, value in wanted.items()):
-                return event
+        super().__init__("run", "--json", *options, self.script)
 
     def end(self, number=signal.SIGINT):
         """The exit code after a signal, with all events read; None waits for the end alone."""
@@ -84,14 +60,8 @@ class Session:
         events = [event for event in self.events if event["event"] == "print"]
         return [bytes.fromhex(event["hex"]).decode() for event in events]
 
-    def __enter__(self):
-        return self
-
     def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-        self.process.stdout.close()
-        self.process.stderr.close()
+        super().__exit__()
         self.folder.cleanup()
 
 
