@@ -158,8 +158,7 @@ std::vector<CGoldenCase> FindGoldenCases(const std::vector<std::string>& paths) 
     }
   }
   std::ranges::sort(scripts);
-  const auto doubles = std::ranges::unique(scripts);
-  scripts.erase(doubles.begin(), doubles.end());
+  scripts.erase(std::unique(scripts.begin(), scripts.end()), scripts.end());
   std::vector<CGoldenCase> cases;
   for (const fs::path& script : scripts) {
     if (fs::is_directory(TestsOf(script))) AddCases(script.lexically_normal(), cases);
