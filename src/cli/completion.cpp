@@ -157,7 +157,7 @@ __kvl_tags() {
 }
 )ZSH";
 
-// Text between the brackets or colons of an _arguments specification.
+// Text between the brackets or colons of an _arguments entry.
 std::string ZshText(std::string_view text) {
   std::string escaped;
   for (const char c : text) {

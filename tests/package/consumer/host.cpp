@@ -1,5 +1,4 @@
 // Every public header, in one program that decodes a batch.
-#include <cstdio>
 #include <kvl/control/DecodeCtrl.h>
 #include <kvl/platform/text_encoding.h>
 #include <kvl/script/KVL.h>
@@ -10,6 +9,7 @@
 #include <kvl/transport/RS232Ctrl.h>
 #include <kvl/transport/Sockets.h>
 #include <kvl/verifier/KVLSyntax.h>
+#include <cstdio>
 
 namespace {
 
