@@ -85,21 +85,16 @@ constexpr std::string_view kDeclarations[] = {"VAR N% 3",
                                               "EXPORT N",
                                               "OPEN MEDIA TCP",
                                               "TABLE_NAME \"T\""};
-constexpr std::string_view kOddDeclarations[] = {"VAR N# 1",
-                                                 "DIM BUF$ 0",
-                                                 "DIM HUGE$ 16777217",
-                                                 "DIM M$ 1048576",
-                                                 "EQU X 5",
-                                                 "EQU Y \"",
-                                                 "VAR A1234567890123456789012345678901% 1",
-                                                 "EXPORT Q",
-                                                 "OPEN IP 12345678901234567890",
-                                                 "; BEGIN:",
-                                                 "VAR N",
-                                                 "MYVAR X% 1",
-                                                 "VAR % 0",
-                                                 "\tDIM\tT%\t300",
-                                                 "ASSIGN Z \"\"\"\""};
+constexpr std::string_view kOddDeclarations[] = {
+    "VAR N# 1",       "DIM BUF[2]$ 9000",
+    "VAR N[0]# 7",    "EQU ONE[0] \"x\"",
+    "DIM BUF$ 0",     "DIM HUGE$ 16777217",
+    "DIM M$ 1048576", "EQU X 5",
+    "EQU Y \"",       "VAR A1234567890123456789012345678901% 1",
+    "EXPORT Q",       "OPEN IP 12345678901234567890",
+    "; BEGIN:",       "VAR N",
+    "MYVAR X% 1",     "VAR % 0",
+    "\tDIM\tT%\t300", "ASSIGN Z \"\"\"\""};
 
 // Makes the text of a script.
 class CGrammar {

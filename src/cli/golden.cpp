@@ -125,7 +125,7 @@ void Describe(const CJson& expected, const CJson& actual, const std::string& pat
       Describe(value, actual[i], fmt::format("{}[{}]", path, label), differences);
     } else {
       const CJson other = actual.contains(key) ? actual[key] : CJson();
-      Describe(value, other, path.empty() ? key : path + '.' + key, differences);
+      Describe(value, other, path.empty() ? key : fmt::format("{}.{}", path, key), differences);
     }
   }
 }

@@ -49,10 +49,12 @@ class KVL_API CKVL : private CLineOutput {
   int32_t LoadScript(const char* pszPath);
   // The same of a script in memory.
   int32_t LoadText(std::string_view text);
+  // NOLINTBEGIN(bugprone-reserved-identifier): these names are the language's own.
   // Turns `nLines` main lines into instructions and labels. Always 0.
   int32_t _CompileMainScript1(int32_t nLines);
   // Carries out the declaration whose tokens stand in m_saToken: -1 if there are none, else 0.
   int32_t _CompileVariableScript();
+  // NOLINTEND(bugprone-reserved-identifier)
 
   // Runs one pass over a batch, which may be null and 0 and must stay valid and unchanged until
   // the call returns. 0 a pass was run; -1 there is no instruction.

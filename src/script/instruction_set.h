@@ -64,7 +64,7 @@ struct CCommandTable;
 
 enum ECommand : int32_t {
   kNoCommand = 0,
-#define KVL_NUMBER(number, keyword, family, least, most, forms) k##keyword = number,
+#define KVL_NUMBER(number, keyword, family, least, most, forms) k##keyword = (number),
   KVL_INSTRUCTIONS(KVL_NUMBER)
 #undef KVL_NUMBER
 };

@@ -80,8 +80,8 @@ TEST(EngineTest, RowsDoWhatTheirStepsDo) {
       "IN BUF, N\nL:\nMOVE C, BUF[I]\nADD SUM, C\nXOR X, C\nINC I\nCMP I, N\nJPL L",
       "IN BUF, N\nL:\nMOVE W, BUF[I]\nXOR X, W\nADD SUM, W\nINC I\nCMP I, 30\nJPL L",
       "IN BUF, N\nL:\nMOVE C, BUF[I]\nCMP C, 104\nJPE STOP\nINC I\nCMP I, LAST\nJPLE L\nSTOP:",
-      "IN BUF, N\nJP MID\nL:\nINC I\nMID:\nCMP I, 10\nJPL L\nMOVE W, BUF[I]\nCMP W, SUM\nJPG E2\n"
-      "INC X\nE2:\nCMP C, W\nJPNE END\nINC X",
+      "JP MID\nL:\nINC I\nMID:\nCMP I, 10\nJPL L\nMOVE W, BUF[I]\nCMP W, SUM\nJPG E\nINC X\nE:",
+      "IN BUF, N\nMOVE W, BUF[I]\nCMP C, W\nJPNE END\nINC X",
       "IN BUF, N\nL:\nMOVE C, BUF[I]\nXOR X, C\nINC I\nCMP I, N\nJPL L",
   };
   for (const char* main : mains) {
