@@ -234,7 +234,7 @@ const CLabelTable* CKVL::FindLabelTable(const char* pszName) const {
   return m_listLabel.Find(TextOf(pszName));
 }
 
-int32_t CKVL::GetKeywordMacro(std::string strWord) const {
+int32_t CKVL::GetKeywordMacro(std::string_view strWord) const {
   return KeywordNumber(strWord);
 }
 

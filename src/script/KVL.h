@@ -87,7 +87,7 @@ class KVL_API CKVL : private CLineOutput {
   const CVariableTable* FindVariableTable(const char* pszName) const;
   const CLabelTable* FindLabelTable(const char* pszName) const;
   // 1 to 31, or 0 if the word is no keyword.
-  int32_t GetKeywordMacro(std::string strWord) const;
+  int32_t GetKeywordMacro(std::string_view strWord) const;
   const std::deque<CVariableTable>& Variables() const { return m_listVariable.Records(); }
   const std::vector<CCommandTable>& Commands() const { return m_listCommand; }
   const std::deque<CLabelTable>& Labels() const { return m_listLabel.Records(); }

@@ -12,8 +12,7 @@ using CEvents = std::vector<std::string>;
 TEST(EngineTest, KeywordsAreExact) {
   CTestEngine test("", "");
   for (const CInstruction& instruction : kInstructions) {
-    EXPECT_EQ(test.m_engine.GetKeywordMacro(std::string(instruction.m_keyword)),
-              instruction.m_nNumber);
+    EXPECT_EQ(test.m_engine.GetKeywordMacro(instruction.m_keyword), instruction.m_nNumber);
   }
   EXPECT_EQ(std::size(kInstructions), 31u);
   EXPECT_EQ(test.m_engine.GetKeywordMacro("add"), 0);
