@@ -1,22 +1,16 @@
 // Layout: whatever the bytes are, the laid out script compiles to the same tables, and laying it
 // out once more changes nothing.
-#include "layout.h"
-
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <string_view>
 
+#include "fuzz/entries.h"
+#include "fuzz/quiet_owner.h"
 #include "script/KVL.h"
 #include "script/layout.h"
 
 namespace kvl {
 namespace {
-
-class CSilentOwner : public CEngineOwner {
- public:
-  void Pause(int32_t /*milliseconds*/, EPause /*reason*/) override {}
-  void Sync(int32_t /*value*/) override {}
-};
 
 bool operator==(const CVariableTable& a, const CVariableTable& b) {
   if (a.m_nKind != b.m_nKind || a.m_nType != b.m_nType || a.m_nSize != b.m_nSize) return false;
@@ -48,7 +42,7 @@ bool Equal(const TList& a, const TList& b) {
 }
 
 bool CompileAlike(std::string_view one, std::string_view other) {
-  CSilentOwner owner;
+  CQuietOwner owner;
   CKVL a(&owner, "");
   CKVL b(&owner, "");
   a._CompileMainScript1(a.LoadText(one));

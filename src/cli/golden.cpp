@@ -85,26 +85,21 @@ CJson ValueOf(const std::string& kind, const std::string& type, std::span<const 
   return isScalar ? elements[0] : elements;
 }
 
-// The tags and the variables of that name in the last event of a replay.
-void AddValues(const CJson& end, const std::string& name, std::vector<std::string>& lines) {
-  bool found = false;
+// The value of a tag, or else of a variable, in the last event of a replay. Of two variables with
+// one name the first counts.
+std::string ValueLine(const CJson& end, const std::string& name) {
   for (const char* list : {"tags", "variables"}) {
-    const bool isTag = *list == 't';
+    const bool isTag = list == std::string_view("tags");
     for (const CJson& entry : end[list]) {
       if (entry["name"] != name) continue;
       std::vector<uint8_t> bytes;
       FromHex(entry["hex"].get<std::string>(), bytes);
       const CJson value = isTag ? ValueJson({name, entry["type"].get<uint8_t>(), bytes})
                                 : ValueOf(entry["kind"], entry["type"], bytes);
-      lines.push_back(JsonLine({{isTag ? "tag" : "variable", name}, {"value", value}}));
-      found = true;
-      break;  // of two variables with one name the first counts
+      return JsonLine({{isTag ? "tag" : "variable", name}, {"value", value}});
     }
   }
-  if (!found) {
-    throw CCommandError(kFailed,
-                        fmt::format("--values {}: no tag or variable has that name", name));
-  }
+  throw CCommandError(kFailed, fmt::format("--values {}: no tag or variable has that name", name));
 }
 
 void Describe(const CJson& expected, const CJson& actual, const std::string& path,
@@ -192,7 +187,7 @@ std::vector<std::string> ReplayGoldenCase(const CGoldenCase& golden, const CCont
     if (values.empty() || kind == "limit") {
       lines.push_back(JsonLine(event));
     } else if (kind == "end") {
-      for (const std::string& name : values) AddValues(event, name, lines);
+      for (const std::string& name : values) lines.push_back(ValueLine(event, name));
     }
   });
   if (Replay(options, context, *report) != kDone)

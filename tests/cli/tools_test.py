@@ -92,6 +92,27 @@ class ToolsTest(unittest.TestCase):
         self.assertEqual((last["case"], last["line"]), ("values", 2))
         self.assertEqual(counts, {"passed": 1, "updated": 0, "failed": 2})
 
+    def test_golden_cases_lay_their_tags(self):
+        self.file("put.kvl", """TABLE_NAME "T"
+EQU LEVEL "LEVEL"
+EQU NAME "NAME"
+BEGIN:
+    PUT LEVEL, 1.1
+    PUT NAME, "pump", 4
+END:
+""")
+        self.file("put.tags", "LEVEL float\nNAME text 8\n")
+        self.file("put.tests/common.options", "--values LEVEL,NAME")
+        self.file("put.tests/own.options", "--values LEVEL")
+        self.file("put.tests/own.tags", "LEVEL int32")
+        self.exit(0, "test", "--update", self.folder)
+        for case, expected in [
+            ("common", '{"tag":"LEVEL","value":1.1}\n{"tag":"NAME","value":"pump"}\n'),
+            ("own", '{"tag":"LEVEL","value":1}\n'),
+        ]:
+            seen = (self.folder / "put.tests" / f"{case}.expected").read_text()
+            self.assertEqual(seen, expected)
+
     def test_golden_cases_that_can_not_run(self):
         self.exit(1, "test", self.folder)  # no tests at all
         self.exit(2, "test", self.folder / "missing")

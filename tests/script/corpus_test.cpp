@@ -32,7 +32,8 @@ TEST_P(CorpusTest, HoldsNoFinding) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Targets, CorpusTest,
-                         testing::Values(CTarget{"script", FuzzScript},
+                         testing::Values(CTarget{"layout", FuzzLayout},
+                                         CTarget{"script", FuzzScript},
                                          CTarget{"batches", FuzzBatches}),
                          [](const auto& target) { return target.param.m_pszName; });
 
