@@ -4,10 +4,10 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
-
 #include <string>
 
 #include "script/KVL.h"
+#include "store/TableOwner.h"
 
 namespace {
 std::atomic<int> g_nAllocations{0};
@@ -35,12 +35,12 @@ class CQuietOwner : public CEngineOwner {
 };
 
 // The allocations of the second pass; the first one binds the script.
-int AllocationsOf(const std::string& main) {
+int AllocationsOf(const std::string& main, const char* table = "") {
   CQuietOwner owner;
-  CKVL engine(&owner, "");
+  CKVL engine(&owner, table, EAudience::kThisProcess);
   const std::string script =
       "DIM BUF$ 300\nDIM WIDE% 4\nDIM REAL# 4\nVAR N% 0\nVAR I% 1\nVAR B$ 0\nVAR D# 0\n"
-      "EQU TEXT \"12.5,abc<41>\"\nBEGIN:\n" +
+      "EQU TEXT \"12.5,abc<41>\"\nEQU TL \"L\"\nEQU TT \"T\"\nBEGIN:\n" +
       main + "\nEND:\n";
   engine._CompileMainScript1(engine.LoadText(script));
   const std::string batch(200, '7');
@@ -66,6 +66,22 @@ TEST(AllocationTest, NoInstructionAllocates) {
       "SYNC 1\nPUT TEXT, 5\nPUT TEXT, TEXT, 3\nGET N, TEXT",
   };
   for (const char* main : families) EXPECT_EQ(AllocationsOf(main), 0) << main;
+}
+
+TEST(AllocationTest, NoPutAndNoGetAllocates) {
+  CTagSet tags;
+  ASSERT_EQ(tags.Add("L", kTagInteger, 4), nullptr);
+  ASSERT_EQ(tags.Add("T", kTagText, 300), nullptr);
+  CTableOwner table("TAGS", EAudience::kThisProcess);
+  ASSERT_TRUE(table.Create(tags, false));
+  const CNamedEvent event("L_Event", EAudience::kThisProcess);  // as a reader who follows it
+  EXPECT_EQ(AllocationsOf("INC I\nPUT TL, I\nPUT TT, TEXT, 255\nPUT TT, 12.5\nPUT TL, TEXT\n"
+                          "PUT TEXT, 1\nGET N, TL\nGET BUF, TT, 255\nGET N, TEXT\n"
+                          "COPY BUF, TL, 1\nPUT BUF, I",
+                          "TAGS"),
+            0);
+  EXPECT_EQ(event.SetCount(), 4u);
+  CTableOwner::Remove("TAGS", EAudience::kThisProcess);
 }
 
 // So that the count above means something.

@@ -1,29 +1,9 @@
 // PUT and GET against a table of this process.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
 #include "script/test_engine.h"
 #include "store/TableOwner.h"
 #include "store/raw_table.h"
-
-namespace {
-std::atomic<int64_t> s_nAllocations{0};
-}
-
-void* operator new(size_t size) {
-  ++s_nAllocations;
-  if (void* p = std::malloc(size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-  std::free(p);
-}
 
 namespace kvl {
 namespace {
@@ -241,26 +221,6 @@ TEST(TagSessionTest, GoesOverToATableLaidWhileItRuns) {
   ASSERT_TRUE(CTableOwner(kName, kPrivate).Create(Tags({"I", "L"}), false));
   EXPECT_EQ(pass(), "put L 07000000");
   CTableOwner::Remove(kName, kPrivate);
-}
-
-TEST_F(TagsTest, NoPassAllocatesAfterTheFirst) {
-  class CCountingOwner : public CTestOwner {
-   public:
-    void OnPut(std::string_view, std::span<const uint8_t>) override { ++m_nPuts; }
-    int m_nPuts = 0;
-  } owner;
-  const CNamedEvent event("L_Event", kPrivate);
-  CKVL engine(&owner, kTable, kPrivate);
-  engine._CompileMainScript1(engine.LoadText(
-      fmt::format("{}BEGIN:\nCOPY NAME, \"L\", 1\nPUT TL, N\nPUT TF, D\nPUT TLONG, ABC, 3\n"
-                  "PUT TT, 12.5\nPUT NAME, 5\nPUT TNONE, 1\nPUT TSTUB, 1\nPUT TT, N\n"
-                  "GET N, TL\nGET BUF, TT, 10\nGET N, TNONE\nEND:\n",
-                  kDeclarations)));
-  engine.Begin(nullptr, 0);
-  const int64_t before = s_nAllocations;
-  engine.Begin(nullptr, 0);
-  EXPECT_EQ(s_nAllocations, before);
-  EXPECT_EQ(owner.m_nPuts, 10);
 }
 
 }  // namespace

@@ -1,35 +1,8 @@
 // Loading, declarations, header, main lines, and the messages themselves.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
-
 #include "platform/text_encoding.h"
 #include "verifier/test_verifier.h"
-
-namespace {
-
-// How many allocations still succeed; negative: all.
-int g_nAllocationsLeft = -1;
-bool g_bAllocationFailed = false;
-
-}  // namespace
-
-void* operator new(size_t size) {
-  if (g_nAllocationsLeft == 0) {
-    g_bAllocationFailed = true;
-    throw std::bad_alloc();
-  }
-  if (g_nAllocationsLeft > 0) --g_nAllocationsLeft;
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, size_t) noexcept {
-  std::free(block);
-}
 
 namespace kvl {
 namespace {
@@ -287,23 +260,6 @@ TEST(SyntaxTest, TokensOfTheHost) {
   }
   EXPECT_EQ(Faults(syntax),
             "5 EmptyArgument; 5 EmptyArgument; 5 ExportNotFound; 5 BadStatementKind");
-}
-
-// Whatever allocation fails, no exception leaves the verifier and the script is refused.
-TEST(SyntaxTest, WithoutMemoryTheScriptIsRefused) {
-  const std::string text = "VAR A_NAME_THAT_IS_ALLOCATED% 0\nDIM BUF$ 10\n" +
-                           std::string("BEGIN:\nADD BUF, BUF[A_NAME_THAT_IS_ALLOCATED+1]\nEND:\n");
-  Verify(text);  // what is made once is made
-  g_bAllocationFailed = true;
-  for (int left = 0; g_bAllocationFailed; ++left) {
-    CKVLSyntax syntax;
-    g_bAllocationFailed = false;
-    g_nAllocationsLeft = left;
-    syntax._CompileMainScript1(syntax.LoadText(text));
-    syntax._VerifyMainScript();
-    g_nAllocationsLeft = -1;
-    EXPECT_EQ(syntax.GetErrorCount() > 0, g_bAllocationFailed) << left;
-  }
 }
 
 }  // namespace
