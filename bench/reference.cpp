@@ -107,13 +107,20 @@ class CScale : public CPeer {
   std::unique_ptr<CLine> m_pLine = std::make_unique<CLine>();
 };
 
-// Lines without their line end, copied out one after the other.
+// Lines without their line end, copied out one after the other into a string that has room for
+// them.
 class CLines : public CPeer {
  public:
-  CFound Found() override { return {{static_cast<double>(m_nTaken)}, m_strLine}; }
+  CFound Found() override { return {{static_cast<double>(m_nTaken)}, m_szLine}; }
 
  protected:
-  std::string m_strLine;
+  void Take(const char* line, size_t length) {
+    length = std::min(length, sizeof m_szLine - 1);
+    std::memcpy(m_szLine, line, length);
+    m_szLine[length] = '\0';
+  }
+
+  char m_szLine[129] = {};
   size_t m_nTaken = 0;  // bytes of whole lines
 };
 
@@ -125,7 +132,7 @@ class CSearchedLines : public CLines {
   [[gnu::noinline]] void Split(std::string_view batch) {
     size_t at = 0;
     for (size_t end; (end = batch.find('\n', at)) != batch.npos; at = end + 1) {
-      m_strLine.assign(batch, at, end - at);
+      Take(batch.data() + at, end - at);
     }
     m_nTaken = at;
   }
@@ -140,7 +147,7 @@ class CBytewiseLines : public CLines {
     size_t start = 0;
     for (size_t i = 0; i < batch.size(); ++i) {
       if (batch[i] != '\n') continue;
-      m_strLine.assign(batch, start, i - start);
+      Take(batch.data() + start, i - start);
       start = i + 1;
     }
     m_nTaken = start;

@@ -4,11 +4,12 @@
 // row keep their own handlers, so that a jump may enter it.
 #include <initializer_list>
 
-#include "script/byte_string.h"
-#include "script/number_handlers.h"
+#include "script/copy_handlers.h"
 
 namespace kvl {
 namespace {
+
+using enum ESource;
 
 template <ESource TLeft, ESource TRight>
 const CStep* CompareAndJump(const CStep& step, CRunState& state) {
@@ -20,6 +21,21 @@ const CStep* CompareAndJump(const CStep& step, CRunState& state) {
 template <FHandler TFirst, FHandler TSecond>
 const CStep* Row(const CStep& step, CRunState& state) {
   return TSecond(*TFirst(step, state), state);
+}
+
+// On past what was found, as one sum: each store that another load waits for costs more than the
+// work.
+//
+//         ADD AT, POS
+//         INC AT
+//         CMP AT, LEN
+//         JPL NEXT
+const CStep* Skip(const CStep& step, CRunState& state) {
+  const CStep* const steps = &step;
+  uint8_t* const to = step.m_operand[0].m_pData;
+  const auto more = static_cast<uint32_t>(steps[1].m_operand[1].m_nNumber);
+  Store(to, Load<uint32_t>(to) + Load<uint32_t>(step.m_operand[1].m_pData) + more);
+  return CompareAndJump<Integer, Integer>(steps[2], state);
 }
 
 // What fuses: a step with this plain handler, in front of one that runs as `m_second`.
@@ -39,7 +55,6 @@ constexpr CFusion Pair() {
   return {TFirst, TSecond, Row<TFirst, TSecond>};
 }
 
-using enum ESource;
 constexpr FHandler kCount = Arithmetic<CAddOp, kInteger, Literal>;
 constexpr FHandler kTakeByte = Arithmetic<CMoveOp, kByte, ByteElement>;
 constexpr FHandler kTakeInteger = Arithmetic<CMoveOp, kInteger, ByteElement>;
@@ -59,6 +74,7 @@ constexpr CFusion kFusions[] = {
     Pair<kTakeByte, CompareAndJump<Byte, Byte>>(),
     Pair<FindByte, CompareAndJump<Integer, Literal>>(),
     Pair<FindText, CompareAndJump<Integer, Literal>>(),
+    Pair<Cut<EIndex::Scalar>, Skip>(),
 };
 
 // A loop over the bytes of a buffer:
@@ -193,21 +209,6 @@ bool FuseLoop(CStep* steps, size_t count) {
          FuseScan<CScan<true, CAddOp>>(steps, count) || FuseScan<CScan<true, CXorOp>>(steps, count);
 }
 
-// On past what was found, as one sum: each store that another load waits for costs more than the
-// work.
-//
-//         ADD AT, POS
-//         INC AT
-//         CMP AT, LEN
-//         JPL NEXT
-const CStep* Skip(const CStep& step, CRunState& state) {
-  const CStep* const steps = &step;
-  uint8_t* const to = step.m_operand[0].m_pData;
-  const auto more = static_cast<uint32_t>(steps[1].m_operand[1].m_nNumber);
-  Store(to, Load<uint32_t>(to) + Load<uint32_t>(step.m_operand[1].m_pData) + more);
-  return CompareAndJump<Integer, Integer>(steps[2], state);
-}
-
 bool FuseSkip(CStep* steps, size_t count) {
   if (count < 4 || steps[0].m_plain != Arithmetic<CAddOp, kInteger, Integer> ||
       steps[1].m_run != Row<kCount, CompareAndJump<Integer, Integer>> ||
@@ -215,6 +216,59 @@ bool FuseSkip(CStep* steps, size_t count) {
     return false;
   }
   steps[0].m_run = Skip;
+  return true;
+}
+
+// -1 if none of the first `count` bytes is `byte`.
+int32_t FirstPosition(const uint8_t* bytes, uint8_t byte, size_t count) {
+  if (count == 0) return -1;
+  const void* const found = std::memchr(bytes, byte, count);
+  if (found == nullptr) return -1;
+  return static_cast<int32_t>(static_cast<const uint8_t*>(found) - bytes);
+}
+
+// A piece copied out, and a byte looked for in it. FIND searches whole buffers, so this is how a
+// script searches from some place on.
+//
+//         COPY LINE, BUF[AT], 128
+//         FIND LINE, "<0A>", POS
+//
+// The search runs over the source: bytes that were only just stored would have to be waited for.
+template <ESource TCount>
+const CStep* CopyAndFind(const CStep& copy, CRunState& state) {
+  const CStep& find = (&copy)[1];
+  const std::span<uint8_t> to = ResolvePlace<EIndex::None>(copy.m_operand[0]);
+  const std::span<uint8_t> from = ResolvePlace<EIndex::Scalar>(copy.m_operand[1]);
+  const auto count = static_cast<size_t>(std::max(ReadAs<int32_t, TCount>(copy.m_operand[2]), 0));
+  const size_t copied = std::min({count, from.size(), to.size()});
+  const int32_t position = FirstPosition(from.data(), *find.m_operand[1].m_pData, copied);
+  if (position < 0 || FirstPosition(from.data(), 0, static_cast<size_t>(position)) >= 0) {
+    return FindByte(*Copy<EIndex::Scalar, TCount>(copy, state), state);
+  }
+  std::memcpy(to.data(), from.data(), copied);
+  if (copied < to.size()) to[copied] = 0;
+  Store(find.m_operand[2].m_pData, position);
+  return &find + 1;
+}
+
+// From one variable into the whole of another, the position into a % variable.
+template <ESource TCount>
+bool FuseCopyAndFind(CStep* steps, size_t count) {
+  if (count < 2 || steps[0].m_plain != Copy<EIndex::Scalar, TCount> ||
+      steps[1].m_plain != FindByte) {
+    return false;
+  }
+  const CBoundOperand& to = steps[0].m_operand[0];
+  const CBoundOperand& from = steps[0].m_operand[1];
+  const bool overlaps = from.m_pData >= to.m_pData && from.m_pData < to.m_pData + to.m_nSize;
+  const CBoundOperand& position = steps[1].m_operand[2];
+  if (to.m_index != EIndex::None || to.m_pData != steps[1].m_operand[0].m_pData || overlaps ||
+      position.m_kind != EOperand::Scalar || position.m_type != kInteger) {
+    return false;
+  }
+  const bool tested = steps[1].m_run == Row<FindByte, CompareAndJump<Integer, Literal>>;
+  steps[0].m_run =
+      tested ? Row<CopyAndFind<TCount>, CompareAndJump<Integer, Literal>> : CopyAndFind<TCount>;
   return true;
 }
 
@@ -233,7 +287,10 @@ void FusePair(CStep* steps, size_t count) {
 void FuseSteps(CStep* steps, size_t count) {
   for (size_t i = count; i-- > 0;) {
     CStep* const from = steps + i;
-    if (!FuseLoop(from, count - i) && !FuseSkip(from, count - i)) FusePair(from, count - i);
+    if (!FuseLoop(from, count - i) && !FuseSkip(from, count - i) &&
+        !FuseCopyAndFind<Literal>(from, count - i) && !FuseCopyAndFind<Integer>(from, count - i)) {
+      FusePair(from, count - i);
+    }
   }
 }
 

@@ -92,6 +92,12 @@ class CheckTest(unittest.TestCase):
         self.assertEqual(self.text("--lang", "en", path).splitlines()[1:3],
                          ['     1 | DIM "가나" 0 ;다', "       |            ^"])
 
+    def test_benchmarks_run_scripts_that_pass(self):
+        scripts = sorted((kvl.ROOT / "bench" / "scripts").glob("*.kvl"))
+        self.assertTrue(scripts)
+        process = kvl.run("check", *scripts)
+        self.assertEqual(process.returncode, 0, process.stdout)
+
     def test_watch_checks_again_when_a_script_changes(self):
         command = [os.environ["KVL"], "check", "--watch", "--lang", "en", str(self.bad)]
         with subprocess.Popen(command, stderr=subprocess.PIPE, text=True) as process:

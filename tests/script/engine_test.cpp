@@ -7,6 +7,7 @@
 namespace kvl {
 namespace {
 
+using namespace std::string_view_literals;
 using CEvents = std::vector<std::string>;
 
 TEST(EngineTest, KeywordsAreExact) {
@@ -74,7 +75,8 @@ TEST(EngineTest, Jumps) {
 // Rows of steps that run at once must do what their steps do one by one, entered anywhere.
 TEST(EngineTest, RowsDoWhatTheirStepsDo) {
   const char* declarations =
-      "DIM BUF$ 64\nVAR I% 0\nVAR N% 0\nVAR C$ 0\nVAR W% 0\nVAR SUM$ 0\nVAR X% 0\nVAR LAST% 20";
+      "DIM BUF$ 64\nDIM PART$ 12\nVAR I% 0\nVAR N% 0\nVAR C$ 0\nVAR W% 0\nVAR SUM$ 0\nVAR X% "
+      "0\nVAR LAST% 20";
   const char* mains[] = {
       "IN BUF, N\nL:\nMOVE C, BUF[I]\nADD SUM, C\nXOR X, C\nINC I\nCMP I, N\nJPL L",
       "IN BUF, N\nL:\nMOVE W, BUF[I]\nXOR X, W\nADD SUM, W\nINC I\nCMP I, 30\nJPL L",
@@ -82,15 +84,21 @@ TEST(EngineTest, RowsDoWhatTheirStepsDo) {
       "JP MID\nL:\nINC I\nMID:\nCMP I, 10\nJPL L\nMOVE W, BUF[I]\nCMP W, SUM\nJPG E\nINC X\nE:",
       "IN BUF, N\nMOVE W, BUF[I]\nCMP C, W\nJPNE END\nINC X",
       "IN BUF, N\nL:\nMOVE C, BUF[I]\nXOR X, C\nINC I\nCMP I, N\nJPL L",
+      "IN BUF, N\nL:\nCOPY PART, BUF[I], 8\nFIND PART, \"h\", W\nCMP W, 0\nJPL END\n"
+      "COPY PART[W], PART, 0\nADD I, W\nINC I\nINC X\nCMP I, N\nJPL L",
+      "IN BUF, N\nCOPY PART, BUF[I], N\nFIND PART, <80>, W\nINC X",
+      "IN BUF, N\nCOPY BUF, BUF[1], 4\nFIND BUF, \"d\", W",
+      "IN BUF, N\nCOPY PART, BUF[1], 9\nFIND BUF, \"h\", W",
   };
   for (const char* main : mains) {
     CTestEngine rows(declarations, main);
     CTestEngine steps(declarations, main);
     steps.m_engine.SetMaxSteps(100000);
-    for (const char* batch : {"abcdefghijklmnopqrstuvwxyz", "\xFF\x80", "", "h"}) {
+    for (const std::string_view batch :
+         {"abcdefghijklmnopqrstuvwxyz"sv, "\xFF\x80"sv, ""sv, "h"sv, "ab\0hhdh\x80"sv}) {
       rows.Run(batch);
       steps.Run(batch);
-      for (const char* what : {"flags", "xBUF", "I", "N", "C", "W", "SUM", "X"}) {
+      for (const char* what : {"flags", "xBUF", "xPART", "I", "N", "C", "W", "SUM", "X"}) {
         EXPECT_EQ(rows.Show(what), steps.Show(what)) << what << " after " << main;
       }
     }
