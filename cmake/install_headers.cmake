@@ -7,6 +7,8 @@ cmake_minimum_required(VERSION 3.25)
 
 set(public_headers
   control/DecodeCtrl.h
+  control/sync_notify.h
+  platform/message_loop.h
   platform/text_encoding.h
   script/KVL.h
   store/SharedMemory.h
