@@ -2,45 +2,15 @@
 
 import os
 import re
-import signal
 import subprocess
 import textwrap
-import threading
 import unittest
 
 import installed
-from installed import PATIENCE, ROOT, output
+from installed import PATIENCE, ROOT, Program, output
 
 PAGE = "docs/embedding.md"
 HOSTS = ROOT / "examples/hosts"
-
-
-class Program:
-    """A running program, read line by line and ended like a user does it."""
-
-    def __init__(self, command, **options):
-        self.process = subprocess.Popen(command.split(), stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, text=True, **options)
-        self.limit = threading.Timer(PATIENCE, self.process.kill)
-        self.limit.start()
-
-    def line(self):
-        return self.process.stdout.readline().rstrip("\n")
-
-    def end(self):
-        """Exit code and the rest of the output."""
-        self.process.send_signal(signal.SIGINT)
-        rest, _ = self.process.communicate(timeout=PATIENCE)
-        return self.process.returncode, rest
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.limit.cancel()
-        self.process.kill()
-        self.process.wait()
-        self.process.stdout.close()
 
 
 class EmbeddingTest(unittest.TestCase):

@@ -3,8 +3,10 @@
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import tempfile
+import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["KVL_BUILD"])
@@ -50,6 +52,34 @@ def blocks(page, *languages):
     text = (ROOT / page).read_text()
     return [block for language, block in re.findall(r"^```([^\n]*)\n(.*?)^```$", text, re.M | re.S)
             if language in languages]
+
+
+class Program:
+    """A running program, read line by line and ended like a user does it."""
+
+    def __init__(self, command, **options):
+        self.process = subprocess.Popen(command.split(), stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, text=True, **options)
+        self.limit = threading.Timer(PATIENCE, self.process.kill)
+        self.limit.start()
+
+    def line(self):
+        return self.process.stdout.readline().rstrip("\n")
+
+    def end(self):
+        """Exit code and the rest of the output."""
+        self.process.send_signal(signal.SIGINT)
+        rest, _ = self.process.communicate(timeout=PATIENCE)
+        return self.process.returncode, rest
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.limit.cancel()
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
 
 
 class Commands:
