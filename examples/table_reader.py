@@ -6,6 +6,7 @@
 import argparse
 import ctypes
 import ctypes.util
+import signal
 import sys
 
 OK, TYPE_TEXT = 0, 4
@@ -58,6 +59,7 @@ def main():
     parser.add_argument("--count", type=int, default=-1, help="end after so many values")
     parser.add_argument("--timeout", type=int, default=-1, help="milliseconds without a value")
     options = parser.parse_args()
+    signal.signal(signal.SIGINT, signal.SIG_DFL)  # Python's own waits until the library returns
     try:
         table = Table(options.library, options.table)
         tag = table.tag(options.tag)

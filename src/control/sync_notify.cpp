@@ -9,11 +9,16 @@ struct CPooledRecord : CSyncNotify {
   CPooledRecord* m_pNext = nullptr;
 };
 
-// The records that nobody uses, the one that has rested longest first.
+// The records that nobody uses.
 class CPool {
  public:
   CSyncNotify* Take() {
     const std::lock_guard lock(m_cs);
+    if (m_pAnswered != nullptr) {
+      CPooledRecord* const record = m_pAnswered;
+      m_pAnswered = record->m_pNext;
+      return record;
+    }
     if (m_nResting <= kSyncResting) return new CPooledRecord;
     --m_nResting;
     CPooledRecord* const record = m_pFirst;
@@ -23,6 +28,11 @@ class CPool {
 
   void GiveBack(CPooledRecord* record) {
     const std::lock_guard lock(m_cs);
+    if (record->m_bPending == 0) {
+      record->m_pNext = m_pAnswered;
+      m_pAnswered = record;
+      return;
+    }
     record->m_pNext = nullptr;
     (m_nResting++ == 0 ? m_pFirst : m_pLast->m_pNext) = record;
     m_pLast = record;
@@ -30,7 +40,8 @@ class CPool {
 
  private:
   std::mutex m_cs;
-  CPooledRecord* m_pFirst = nullptr;
+  CPooledRecord* m_pAnswered = nullptr;
+  CPooledRecord* m_pFirst = nullptr;  // whose host may answer yet, the one of the oldest SYNC first
   CPooledRecord* m_pLast = nullptr;
   uint32_t m_nResting = 0;
 };

@@ -35,6 +35,10 @@ class KVL_API CNamedSection {
   // would end the process. Costs a system call.
   bool IsWhole() const;
 
+  // False once the name means another section, or none.
+  // Needs: the same lock as for opening.
+  bool HasName(std::string_view strName, EAudience audience) const;
+
   // Takes the name away from the section. The next opener makes a new one. True if it was there.
   // Needs: the same lock as for opening.
   static bool Remove(std::string_view strName, EAudience audience);

@@ -41,6 +41,9 @@ void CSharedMemory::Open(std::string_view strName, uint32_t dwSize, const InitCa
                          EOpenMode mode) {
   if (strName.empty()) return SetError(kErrorInvalidName);
   m_strName = strName;
+  // The longest name of the table's objects: without it nothing is left behind half-made.
+  const CNamedSemaphore probe(m_strName + kTableLockSuffix, EOpenMode::kOpenExisting, m_audience);
+  if (probe.Error() == kErrorNameTooLong) return SetError(kErrorNameTooLong);
   m_pSemaphore = std::make_unique<CNamedSemaphore>(m_strName + kLockSuffix, mode, m_audience);
   if (m_pSemaphore->Take() == ETaken::kNo) {
     SetError(m_pSemaphore->Error());
@@ -79,7 +82,24 @@ bool CSharedMemory::OpenSection(uint32_t dwSize, EOpenMode mode) {
   }
   m_dwSize = LoadAt<uint32_t>(pView + kSizeOffset);
   m_pSection = std::move(pSection);
+  m_nSectionChanges = m_pSemaphore->ChangeCount();
   return true;
+}
+
+// Whether the name still means this section. Whoever takes it away counts the change, and a remover
+// that died half-way was counted by the next who took the semaphore.
+bool CSharedMemory::HasSection() {
+  if (!m_pSection) return false;
+  const uint64_t nChanges = m_pSemaphore->ChangeCount();
+  if (nChanges == m_nSectionChanges) return true;
+  m_nSectionChanges = nChanges;
+  return m_pSection->HasName(m_strName, m_audience);
+}
+
+// Needs: the semaphore is held.
+void CSharedMemory::RestoreSize() {
+  m_dwSize = static_cast<uint32_t>(m_pSection->Size());
+  StoreAt(m_pSection->View() + kSizeOffset, m_dwSize);
 }
 
 // Takes the semaphore. When the table was removed since the last time, goes over to the one that
@@ -90,7 +110,7 @@ bool CSharedMemory::Lock() {
     SetError(m_pSemaphore->Error());
     return false;
   }
-  if (taken == ETaken::kYes && m_pSection) return true;
+  if (taken == ETaken::kYes && HasSection()) return true;
   if (OpenSection(0, EOpenMode::kOpenExisting)) return true;
   m_pSemaphore->Release();
   return false;

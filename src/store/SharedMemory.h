@@ -103,6 +103,8 @@ class KVL_API CSharedMemory {
   void Open(std::string_view strName, uint32_t dwSize, const InitCallback& callback,
             EOpenMode mode);
   bool OpenSection(uint32_t dwSize, EOpenMode mode);
+  bool HasSection();
+  void RestoreSize();
   bool Lock();
   void Unlock();
   bool FindRecord(CTag& tag, CRecord& record);
@@ -119,6 +121,7 @@ class KVL_API CSharedMemory {
   bool m_bFirstOpener = true;
   bool m_bOpen = false;
   uint32_t m_dwSize = 0;
+  uint64_t m_nSectionChanges = 0;  // the change count for which m_pSection is the table's
   std::unique_ptr<CNamedSemaphore> m_pSemaphore;
   std::unique_ptr<CNamedSection> m_pSection;
 

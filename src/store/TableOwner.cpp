@@ -1,6 +1,7 @@
 #include "store/TableOwner.h"
 
 #include <algorithm>
+#include <set>
 
 #include "platform/last_error.h"
 #include "platform/named_event.h"
@@ -21,8 +22,9 @@ bool NameOf(std::span<const uint8_t> section, const CRecord& record, std::string
   return Cp949FromUtf8(Utf8FromUtf16(strWide), strName);
 }
 
+// All but the name. False if the record holds no tag.
 bool TagOf(std::span<const uint8_t> section, const CRecord& record, CTagImage& tag) {
-  if (record.m_dwLength < kTagHead || !NameOf(section, record, tag.m_strName)) return false;
+  if (record.m_dwLength < kTagHead) return false;
   const auto area = section.subspan(record.m_dwOffset + kRecordHead, record.m_dwLength);
   const auto nSize = LoadAt<uint16_t>(area.data() + kOwnerField + 1);
   if (area.size() - kTagHead < nSize) return false;
@@ -61,10 +63,9 @@ CTableOwner::CTableOwner(std::string_view strTable, EAudience audience)
       m_dwLastError(m_pStore->LastError()) {}
 
 bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
-  if (!IsOpen()) {
-    m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize, nullptr, m_audience);
-    if (!IsOpen()) return Check(false, m_pStore->LastError());
-  }
+  // Anew, since the table that was open may have been removed, or never have got its head.
+  m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize, nullptr, m_audience);
+  if (!IsOpen()) return Check(false, m_pStore->LastError());
   CNamedSemaphore session(m_strTable + kTableLockSuffix, EOpenMode::kOpenOrCreate, m_audience);
   const CSemaphoreHold hold(session);
   if (!hold) return Check(false, session.Error());
@@ -77,10 +78,10 @@ bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
 // The record count is 0 until all records stand, so that whoever dies meanwhile leaves an empty
 // table and no half of one.
 bool CTableOwner::Lay(const CTagSet& tags, bool bReplace) {
+  if (!m_pStore->m_pSection->IsWhole()) return Check(false, kErrorDamaged);
+  if (bReplace) m_pStore->RestoreSize();
   const std::span<uint8_t> section = m_pStore->Section();
-  if (section.size() < kFirstRecord || !m_pStore->m_pSection->IsWhole()) {
-    return Check(false, kErrorDamaged);
-  }
+  if (section.size() < kFirstRecord) return Check(false, kErrorDamaged);
   if (!bReplace && LoadAt<uint32_t>(section.data() + kCountOffset) != 0) {
     return Check(false, kErrorAlreadyExists);
   }
@@ -102,9 +103,13 @@ bool CTableOwner::List(std::vector<CTagImage>& tags) {
   const std::span<const uint8_t> section = m_pStore->Section();
   uint32_t dwCode = kErrorDamaged;
   if (m_pStore->m_pSection->IsWhole()) {
+    std::set<std::string> names;  // behind the first record of a name nobody reaches another
     dwCode = WalkRecords(section, [&](const CRecord& record) {
       CTagImage tag;
-      if (TagOf(section, record, tag)) tags.push_back(std::move(tag));
+      if (NameOf(section, record, tag.m_strName) && names.insert(tag.m_strName).second &&
+          TagOf(section, record, tag)) {
+        tags.push_back(std::move(tag));
+      }
       return false;
     });
   }

@@ -51,6 +51,11 @@ int Guarded(Work work) {
   }
 }
 
+template <class... Pointers>
+bool AnyNull(Pointers... pointers) {
+  return (... || (pointers == nullptr));
+}
+
 bool NameFromUtf8(const char* szText, std::string& strName) {
   return *szText != '\0' && kvl::Cp949FromUtf8(szText, strName);
 }
@@ -115,6 +120,7 @@ const char* kvl_error_text(int code) {
 }
 
 int kvl_table_open(const char* name, kvl_table** table) {
+  if (AnyNull(name, table)) return KVL_BAD_PARAMETER;
   return Guarded([&]() -> uint32_t {
     std::string strName;
     if (!NameFromUtf8(name, strName)) return KVL_BAD_NAME;
@@ -130,6 +136,7 @@ void kvl_table_close(kvl_table* table) {
 }
 
 int kvl_table_tag(kvl_table* table, const char* name, kvl_tag** tag) {
+  if (AnyNull(table, name, tag)) return KVL_BAD_PARAMETER;
   return Guarded([&]() -> uint32_t {
     std::string strName;
     if (!NameFromUtf8(name, strName)) return KVL_BAD_NAME;
@@ -157,10 +164,11 @@ void kvl_tag_close(kvl_tag* tag) {
 }
 
 const char* kvl_tag_name(const kvl_tag* tag) {
-  return tag->m_strName.c_str();
+  return tag == nullptr ? "" : tag->m_strName.c_str();
 }
 
 int kvl_tag_info(kvl_tag* tag, int* type, size_t* size) {
+  if (AnyNull(tag, type, size)) return KVL_BAD_PARAMETER;
   return Guarded([&] {
     return WithTag(*tag, [&](const CValueAccess& value) {
       *type = value.Type();
@@ -171,6 +179,7 @@ int kvl_tag_info(kvl_tag* tag, int* type, size_t* size) {
 }
 
 int kvl_tag_read(kvl_tag* tag, void* bytes, size_t room, size_t* size) {
+  if (AnyNull(tag, bytes, size)) return KVL_BAD_PARAMETER;
   return Guarded([&] {
     return WithTag(*tag, [&](const CValueAccess& value) {
       *size = value.PayloadSize();
@@ -182,6 +191,7 @@ int kvl_tag_read(kvl_tag* tag, void* bytes, size_t room, size_t* size) {
 }
 
 int kvl_tag_read_number(kvl_tag* tag, double* number) {
+  if (AnyNull(tag, number)) return KVL_BAD_PARAMETER;
   return Guarded([&] {
     return WithTag(*tag, [&](const CValueAccess& value) {
       if (value.Type() == kvl::kTagText) return KVL_WRONG_TYPE;
@@ -199,6 +209,7 @@ int kvl_tag_read_number(kvl_tag* tag, double* number) {
 }
 
 int kvl_tag_read_text(kvl_tag* tag, char* text, size_t room) {
+  if (AnyNull(tag, text)) return KVL_BAD_PARAMETER;
   return Guarded([&]() -> uint32_t {
     uint8_t type = 0;
     std::vector<uint8_t> payload;
@@ -214,6 +225,7 @@ int kvl_tag_read_text(kvl_tag* tag, char* text, size_t room) {
 }
 
 int kvl_tag_wait(kvl_tag* tag, int timeout_ms) {
+  if (AnyNull(tag)) return KVL_BAD_PARAMETER;
   return Guarded([&] {
     return Wait(*tag, timeout_ms < 0 ? kvl::kForever : std::chrono::milliseconds(timeout_ms));
   });

@@ -13,7 +13,8 @@
  *            kvl_table_close and kvl_tag_close: no other call may be going on then, or come after.
  * Errors:    functions that return int return KVL_OK or one of the codes below; they then leave
  *            their results as they were, unless told otherwise.
- * Pointers:  must not be null unless told otherwise. Texts are UTF-8, ended by a zero byte.
+ * Pointers:  a null pointer is refused with KVL_BAD_PARAMETER, and closing one does nothing. Texts
+ * are UTF-8, ended by a zero byte.
  */
 #pragma once
 
@@ -35,6 +36,7 @@ enum {
   KVL_ACCESS_DENIED = 5, /* the table is another user's */
   KVL_NO_MEMORY = 8,
   KVL_WRONG_TYPE = 13,    /* the tag does not hold what was asked for */
+  KVL_BAD_PARAMETER = 87, /* a pointer is null */
   KVL_SMALL_BUFFER = 122, /* the destination is shorter than the value */
   KVL_TIMEOUT = 258,      /* no new value within the time */
   KVL_BAD_NAME = 1113,    /* the name can't be the name of a table or a tag */

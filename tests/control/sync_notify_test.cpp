@@ -24,6 +24,10 @@ TEST(CSyncRecordTest, NoTwoInUseAreOneAndLateAnswersMeetNobody) {
     const CSyncRecord record;
     late = record.Get();
   }
+  for (uint32_t i = 0; i < 3 * kSyncResting; ++i) {
+    const CSyncRecord answered;  // however many were answered since
+    answered->m_bPending = 0;
+  }
   for (uint32_t i = 0; i < kSyncResting; ++i) {
     const CSyncRecord record;
     late->m_bPending = 0;

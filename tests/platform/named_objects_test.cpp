@@ -251,6 +251,35 @@ TEST(EventTrigger, FindsAnEventAsSoonAsSomebodyOpensIt) {
   }
 }
 
+// One that dies between setting an event and waking its readers must not leave them asleep.
+TEST(EventTrigger, TheNextSetterWakesWhomADeadOneLeftAsleep) {
+  const std::string strName = UniqueName("left-asleep");
+  const CNamedEvent event(strName, kPrivate);
+  uint32_t nSeen = 0;
+  std::atomic<uint32_t> nWoken{0};
+  std::thread reader([&] {
+    while (nSeen < 2) {
+      if (event.WaitForNext(nSeen, kForever) != EWaited::kSet) return;
+      nWoken = nSeen;
+    }
+  });
+  usleep(50000);  // the reader sleeps; if it doesn't yet, it only has an easier time
+  CEventTrigger(strName, kPrivate).Set();
+  CEventTrigger next(strName, kPrivate);
+  next.Set();
+  next.Wake();
+  for (int i = 0; i < 10000 && nWoken != 2; ++i) usleep(1000);
+  EXPECT_EQ(2u, nWoken);
+  CNamedEvent::Remove(strName, kPrivate);
+  reader.join();
+}
+
+TEST(NamedEvent, AWaitThatEndedLongAgoReturns) {
+  const CNamedEvent event(UniqueName("long-ago"), kPrivate);
+  uint32_t nSeen = 0;
+  EXPECT_EQ(EWaited::kTimeout, event.WaitForNext(nSeen, std::chrono::milliseconds(-999999999999)));
+}
+
 TEST(EventGroup, WakesForAnyOfItsEventsAndWhenInterrupted) {
   std::vector<CNamedEvent> events;
   std::vector<const CNamedEvent*> pointers;

@@ -74,6 +74,25 @@ TEST_F(CReaderTest, ReadsValuesByType) {
             std::string(bytes, size));
 }
 
+TEST_F(CReaderTest, RefusesNullPointers) {
+  kvl_table* table = nullptr;
+  kvl_tag* tag = nullptr;
+  size_t size = 0;
+  double number = 0;
+  int type = 0;
+  char text[8];
+  for (const int code :
+       {kvl_table_open(nullptr, &table), kvl_table_open("T", nullptr),
+        kvl_table_tag(nullptr, "T", &tag), kvl_tag_info(nullptr, &type, &size),
+        kvl_tag_read(nullptr, text, 8, &size), kvl_tag_read_number(nullptr, &number),
+        kvl_tag_read_text(nullptr, text, 8), kvl_tag_wait(nullptr, 0)}) {
+    EXPECT_EQ(KVL_BAD_PARAMETER, code);
+  }
+  EXPECT_STREQ("", kvl_tag_name(nullptr));
+  kvl_tag_close(nullptr);
+  kvl_table_close(nullptr);
+}
+
 TEST_F(CReaderTest, RefusesWhatIsNotThere) {
   kvl_table* pTable = nullptr;
   kvl_tag* pTag = nullptr;

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -29,12 +30,12 @@ uint32_t CountOf(uint32_t nWord) {
   return nWord / kCountStep;
 }
 
-// Sets the word and counts; true if sleepers are to be woken.
+// Sets the word and counts; true if sleepers are to be woken. They stay announced until they are,
+// so that the next setter wakes those whom one that dies in between has left asleep.
 bool SetWord(uint32_t& word) {
   std::atomic_ref shared(word);
   uint32_t nOld = shared.load();
-  while (!shared.compare_exchange_weak(
-      nOld, ((nOld & ~(kSetBit | kSleeperBit)) + kCountStep) | kSetBit)) {
+  while (!shared.compare_exchange_weak(nOld, ((nOld & ~kSetBit) + kCountStep) | kSetBit)) {
   }
   return (nOld & kSleeperBit) != 0;
 }
@@ -47,8 +48,10 @@ bool AnnounceSleeper(uint32_t& word, uint32_t& nSeen) {
   return true;
 }
 
+// Withdraws the announcement and wakes, in one step.
 void WakeSleepers(uint32_t& word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+  syscall(SYS_futex, &word, FUTEX_WAKE_OP, INT_MAX, nullptr, &word,
+          FUTEX_OP(FUTEX_OP_ANDN, kSleeperBit, FUTEX_OP_CMP_EQ, 0));
 }
 
 // A point in time at which a wait ends; null for a wait without limit.
@@ -61,8 +64,9 @@ class CDeadline {
     const auto end = steady_clock::now() + timeout;
     const auto nanoseconds =
         std::chrono::duration_cast<std::chrono::nanoseconds>(end.time_since_epoch()).count();
-    m_end = timespec{static_cast<time_t>(nanoseconds / 1000000000),
-                     static_cast<long>(nanoseconds % 1000000000)};
+    const auto sinceStart = std::max<int64_t>(nanoseconds, 0);  // a futex knows no time before
+    m_end = timespec{static_cast<time_t>(sinceStart / 1000000000),
+                     static_cast<long>(sinceStart % 1000000000)};
   }
   const timespec* Get() const { return m_end ? &*m_end : nullptr; }
 

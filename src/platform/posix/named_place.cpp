@@ -84,12 +84,6 @@ CObjectFile OpenOrCreateIn(const CObjectFile& folder, const char* szFile, mode_t
   return {};
 }
 
-ObjectId IdOf(int nFile) {
-  struct stat status;
-  if (fstat(nFile, &status) != 0) return {};
-  return {status.st_dev, status.st_ino};
-}
-
 // The objects of kThisProcess by file name. Never destroyed, since threads may outlive `main`.
 struct CPrivateObjects {
   std::mutex m_mutex;
@@ -128,6 +122,12 @@ bool RemovePrivate(const std::string& strFile, const ObjectId& id) {
 }
 
 }  // namespace
+
+ObjectId IdOf(int nFile) {
+  struct stat status;
+  if (fstat(nFile, &status) != 0) return {};
+  return {status.st_dev, status.st_ino};
+}
 
 CObjectFile::~CObjectFile() {
   if (m_nFile >= 0) close(m_nFile);
@@ -180,10 +180,6 @@ CObjectFile OpenObject(std::string_view strName, EObjectKind kind, EOpenMode mod
   if (S_ISREG(status.st_mode) && BelongsTo(status, audience)) return file;
   dwError = kErrorAccessDenied;
   return {};
-}
-
-ObjectId IdOf(const CObjectFile& file) {
-  return IdOf(file.Get());
 }
 
 bool RemoveObject(std::string_view strName, EObjectKind kind, EAudience audience,

@@ -52,7 +52,10 @@ struct ObjectId {
   uint64_t m_nNumber = 0;
   bool operator==(const ObjectId&) const = default;
 };
-ObjectId IdOf(const CObjectFile& file);
+ObjectId IdOf(int nFile);
+inline ObjectId IdOf(const CObjectFile& file) {
+  return IdOf(file.Get());
+}
 
 // Takes the name away if it is that object's. True if it was.
 // Needs: whoever removes this object holds a lock that belongs to the object itself, so that
