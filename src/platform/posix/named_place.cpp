@@ -1,13 +1,17 @@
 #include "platform/posix/named_place.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "platform/last_error.h"
@@ -157,6 +161,41 @@ std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t&
             : strFile.size() > kMaxFileName               ? kErrorNameTooLong
                                                           : 0;
   return dwError == 0 ? strFile : std::string();
+}
+
+// The name behind an object's file name; empty if no object of that kind has such a file.
+std::string NameOfFile(std::string_view strFile, EObjectKind kind) {
+  std::string strName;
+  for (size_t i = 0; i < strFile.size() && strFile[i] != '.'; ++i) {
+    char c = strFile[i];
+    if (c == '%') {
+      unsigned value = 0;
+      const std::string_view digits = strFile.substr(i + 1, 2);
+      std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
+      c = static_cast<char>(value);
+      i += 2;
+    }
+    strName += c;
+  }
+  uint32_t dwError = 0;
+  return ObjectFileName(strName, kind, dwError) == strFile ? strName : std::string();
+}
+
+std::vector<std::string> ObjectNames(EObjectKind kind, EAudience audience) {
+  std::vector<std::string> names;
+  uint32_t dwError = 0;
+  if (audience == EAudience::kThisProcess) return names;
+  CObjectFile folder = OpenFolder(PlaceOf(audience), EOpenMode::kOpenExisting, audience, dwError);
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(folder ? fdopendir(folder.Get()) : nullptr,
+                                                    closedir);
+  if (!entries) return names;
+  folder.Detach();
+  while (const dirent* entry = readdir(entries.get())) {
+    std::string strName = NameOfFile(entry->d_name, kind);
+    if (!strName.empty()) names.push_back(std::move(strName));
+  }
+  std::ranges::sort(names);
+  return names;
 }
 
 CObjectFile OpenObject(std::string_view strName, EObjectKind kind, EOpenMode mode,

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/named_object.h"
 
@@ -40,6 +41,10 @@ class CObjectFile {
 // is '%' and two hexadecimal digits; the kind is the part behind the dot. Empty, with a code in
 // `dwError`, for a name that is empty or too long.
 std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t& dwError);
+
+// The names of the objects of that kind, in the order of their bytes; those of kThisProcess are not
+// told.
+std::vector<std::string> ObjectNames(EObjectKind kind, EAudience audience);
 
 // Opens an object, which is made without contents if it may be. Refuses what another user has
 // planted. Not open, with a code in `dwError`, on failure.

@@ -54,4 +54,8 @@ bool CNamedSection::Remove(std::string_view strName, EAudience audience) {
   return file && RemoveObject(strName, EObjectKind::kSection, audience, IdOf(file));
 }
 
+std::vector<std::string> CNamedSection::Names(EAudience audience) {
+  return ObjectNames(EObjectKind::kSection, audience);
+}
+
 }  // namespace kvl
