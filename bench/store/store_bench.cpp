@@ -6,14 +6,26 @@
 #include <string>
 
 #include "measure.h"
-#include "platform/named_semaphore.h"
+#include "script/tag_exchange.h"
 #include "store/TableOwner.h"
 
 using namespace kvl;
 
 namespace {
 
-// A session on a table of `nTags` floats, with the locks that an engine takes.
+class CQuietOwner : public CEngineOwner {
+ public:
+  void Pause(int32_t /*milliseconds*/, EPause /*reason*/) override {}
+  void Sync(int32_t /*value*/) override {}
+};
+
+// An instruction's tag: the place in which it is remembered, and its name.
+struct CInstructionTag {
+  int32_t m_nSlot;
+  std::string m_strName;
+};
+
+// A table of `nTags` floats, and what a script's PUT and GET do with it.
 class CSession {
  public:
   explicit CSession(int nTags)
@@ -22,34 +34,28 @@ class CSession {
     for (int i = 0; i < nTags; ++i) tags.Add(TagName(i), kTagFloat, 4);
     CTableOwner owner(m_strTable);
     Require(owner.Create(tags, true), "no table");
-    m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize);
-    m_pLock = std::make_unique<CNamedSemaphore>(m_strTable + kTableLockSuffix,
-                                                EOpenMode::kOpenOrCreate, EAudience::kOwner);
+    m_pTags = std::make_unique<CTagExchange>(m_strTable, EAudience::kOwner);
   }
   ~CSession() { CTableOwner::Remove(m_strTable); }
   CSession(const CSession&) = delete;
   CSession& operator=(const CSession&) = delete;
 
   static std::string TagName(int nTag) { return "BENCH_COMMON_PREFIX_" + std::to_string(nTag); }
-  std::shared_ptr<CTag> Bind(int nTag) { return m_pStore->BindTag(TagName(nTag)); }
+  CInstructionTag NewTag(int nTag) { return {m_pTags->NewSlot(), TagName(nTag)}; }
 
-  void Put(CTag& tag, float value) {
-    const CSemaphoreHold session(*m_pLock);
-    CValueAccess access(*m_pStore, tag);
-    if (access.Type() == kTagFloat) access.WritePayload(&value, sizeof value);
+  void Put(const CInstructionTag& tag, float value) {
+    m_pTags->Put(tag.m_nSlot, tag.m_strName, {true, value, {}}, m_owner);
   }
-  float Get(CTag& tag) {
+  float Get(const CInstructionTag& tag) {
     float value = -1;
-    const CSemaphoreHold session(*m_pLock);
-    const CValueAccess access(*m_pStore, tag);
-    if (access.Type() == kTagFloat) value = LoadAt<float>(access.Payload().data());
+    m_pTags->Get(tag.m_nSlot, tag.m_strName, {reinterpret_cast<uint8_t*>(&value), sizeof value}, 0);
     return value;
   }
 
  private:
   const std::string m_strTable;
-  std::unique_ptr<CSharedMemory> m_pStore;
-  std::unique_ptr<CNamedSemaphore> m_pLock;
+  CQuietOwner m_owner;
+  std::unique_ptr<CTagExchange> m_pTags;
 };
 
 // Two subjects that stand side by side in the report.
@@ -114,26 +120,29 @@ constexpr const char* kRedis = "Redis, unix socket";
 
 void AddTags(CReport& report, CSession& session, int nTags) {
   for (const int nTag : std::set<int>{0, nTags / 2, nTags - 1}) {
-    const auto pTag = session.Bind(nTag);
+    const CInstructionTag tag = session.NewTag(nTag);
     const std::string strName = "tag " + std::to_string(nTag + 1) + " of " + std::to_string(nTags);
     report.Add(
-        strName, 1000, [&session, pTag](float value) { session.Put(*pTag, value); },
-        [&session, pTag] { return session.Get(*pTag); });
+        strName, 1000, [&session, tag](float value) { session.Put(tag, value); },
+        [&session, tag] { return session.Get(tag); });
   }
 }
 
 // Tags whose names a script makes at run time: each access looks its tag up by the name.
 void AddNames(CReport& report, CSession& session, int nTags) {
+  const auto tags = std::make_shared<std::vector<CInstructionTag>>();
+  const int32_t nSlot = session.NewTag(0).m_nSlot;
+  for (int i = 0; i < nTags; ++i) tags->push_back({nSlot, CSession::TagName(i)});
+  const auto Next = [tags](int& nTag) -> const CInstructionTag& {
+    nTag = (nTag + 7919) % static_cast<int>(tags->size());
+    return (*tags)[static_cast<size_t>(nTag)];
+  };
   const auto nPut = std::make_shared<int>(0);
   const auto nGet = std::make_shared<int>(0);
-  const auto Next = [&session, nTags](int& nTag) {
-    nTag = (nTag + 7919) % nTags;
-    return session.Bind(nTag);
-  };
   report.Add(
       "any of " + std::to_string(nTags) + ", by name", 1000,
-      [=, &session](float value) { session.Put(*Next(*nPut), value); },
-      [=, &session] { return session.Get(*Next(*nGet)); });
+      [=, &session](float value) { session.Put(Next(*nPut), value); },
+      [=, &session] { return session.Get(Next(*nGet)); });
 }
 
 void AddLockedCopy(CReport& report) {
