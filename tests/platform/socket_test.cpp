@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctime>
 #include <memory>
 #include <thread>
 
@@ -124,6 +125,30 @@ TEST_F(CAsyncSocketTest, EndOfALentConnectionIsTheLoopsToTell) {
   client.Close();
   EXPECT_TRUE(WaitFor([&] { return taker.m_bEnded.load(); })) << "freed by Close";
   EXPECT_TRUE(RunLoopUntil([&] { return !server.closes.empty(); })) << "nobody holds the line open";
+}
+
+TEST_F(CAsyncSocketTest, EndThatNobodyTakesCostsNothing) {
+  for (const bool reads : {false, true}) {
+    SCOPED_TRACE(reads);
+    ConnectPair();
+    client.onReceive = nullptr;
+    if (!reads) client.onReceive = [] {};
+    server.onReceive = [] {};
+    client.Send("unread", 6);
+    server.Send("x", 1);
+    ASSERT_TRUE(
+        RunLoopUntil([&] { return server.nReceiveEvents > 0 && client.nReceiveEvents > 0; }));
+    server.Close();  // with bytes unread the system resets the connection
+    if (reads) {
+      ASSERT_TRUE(RunLoopUntil([&] { return !client.closes.empty(); }));
+    }
+    const std::clock_t before = std::clock();
+    CMessageLoop::Current().RunUntil([] { return false; }, 300);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
+    client.Close();
+    client.connects.clear();
+    server.nReceiveEvents = client.nReceiveEvents = 0;
+  }
 }
 
 TEST_F(CAsyncSocketTest, FloodLeavesRoomForOtherEvents) {

@@ -312,7 +312,8 @@ void CAsyncSocket::Impl::LineReady() {
     writable = bWriteWanted && (ended || (events & EPOLLOUT) != 0);
     bReadWanted = bReadWanted && !readable;
     bWriteWanted = bWriteWanted && !writable;
-    Watch();
+    // Even a watch for nothing tells the end of a connection, and would tell it without end.
+    if ((bReadWanted && !bReadLent) || bWriteWanted) Watch();
   }
   WaitForLine();
   if (writable && !Notify(kFdWrite, &CAsyncSocket::OnSend, 0)) return;
