@@ -46,8 +46,9 @@ inline constexpr int32_t kSockErrRefused = 10061;
 
 // Threads: everything on the thread that calls Create, whose loop brings the notifications, but
 //          for Send, WaitWritable, ReceiveHere, Interrupt, GetHandle and GetLastError, which any
-//          thread may call, also while Close runs: the last two threads to meet find the socket closed. The
-//          object itself must outlive those calls. Once closed it may be destroyed by any thread.
+//          thread may call, also while Close runs: the last two threads to meet find the socket
+//          closed. The object itself must outlive those calls. Once closed it may be destroyed by
+//          any thread.
 // Owner:   the object closes its socket in its destructor. A notification may close and destroy
 //          the object that it runs on, if it touches nothing of it afterwards.
 // Errors:  operations give 0, false or -1, and the code with GetLastError.
