@@ -16,8 +16,8 @@ class CLineWatch {
   // descriptor must not be closed before the watch has ended.
   CLineWatch(asio::io_context& io, int fd);
 
-  // What to watch for from now on: EPOLLIN and EPOLLOUT, or 0 for nothing. Whatever comes is told
-  // once; then nothing is wanted any more.
+  // What to watch for from now on: EPOLLIN and EPOLLOUT, or 0 for nothing but the connection's end,
+  // which the system tells in any case. Whatever comes is told once, until the next Want.
   void Want(uint32_t events);
 
   // What has come, 0 if nothing has.
