@@ -193,7 +193,9 @@ TEST(NamedEvent, StaysSetUntilItIsReset) {
   CNamedEvent event(strName, kPrivate);
   CNamedEvent other(strName, kPrivate);
   EXPECT_FALSE(event.IsSet());
-  EXPECT_EQ(EWaited::kTimeout, event.Wait(1ms));
+  for (const auto timeout : {1ms, 0ms, -1ms, std::chrono::milliseconds::min()}) {
+    EXPECT_EQ(EWaited::kTimeout, event.Wait(timeout));
+  }
   other.Set();
   EXPECT_EQ(EWaited::kSet, event.Wait(kForever));
   EXPECT_EQ(EWaited::kSet, event.Wait(0ms));
@@ -221,6 +223,31 @@ TEST(NamedEvent, WakesAnotherProcessAndMissesNoSet) {
     ASSERT_EQ(EWaited::kSet, answer.WaitForNext(nAnswers, 10s));
   }
   EXPECT_EQ(0, consumer.Join());
+}
+
+// Sleepers on the event itself and on many at once, whom a setter leaves asleep that dies between
+// setting and waking.
+TEST(NamedEvent, ADeadSettersSleepersAreWokenByTheNext) {
+  const std::string strName = UniqueName("dead-setter");
+  const CNamedEvent event(strName, kPrivate);
+  const CNamedEvent* const all[] = {&event};
+  CEventGroup group(kPrivate);
+  const int64_t nStart = NowMicroseconds();
+  std::thread one([&] {
+    uint32_t nSeen = 0;
+    EXPECT_EQ(EWaited::kSet, event.WaitForNext(nSeen, 10s));
+  });
+  std::thread many([&] {
+    const uint32_t seen[] = {0};
+    EXPECT_EQ(EWaited::kSet, group.WaitForAny(all, seen, 10s));
+  });
+  std::this_thread::sleep_for(20ms);  // they fall asleep
+  CEventTrigger(strName, kPrivate).Set();
+  CEventTrigger next(strName, kPrivate);
+  next.Set(), next.Wake();
+  one.join();
+  many.join();
+  EXPECT_LT(NowMicroseconds() - nStart, 5000000) << "the time-out has woken them";
 }
 
 TEST(NamedEvent, RemovalEndsItsWaits) {

@@ -1,10 +1,13 @@
 // Several processes on one table: no torn value, no lost lock, whatever dies.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <random>
 
+#include "platform/named_event.h"
 #include "platform/named_semaphore.h"
 #include "store/SharedMemory.h"
 #include "store/child.h"
@@ -93,38 +96,63 @@ TEST_F(CTableProcesses, NoValueIsTorn) {
   EXPECT_TRUE(after.Put(0, SelfChecking(5)));
 }
 
+// How often a reader that sleeps between the writes has been told.
+class CSleepingReader {
+ public:
+  explicit CSleepingReader(const std::string& strEvent)
+      : m_event(strEvent, EAudience::kOwner),
+        m_pTold(static_cast<std::atomic<uint32_t>*>(
+            mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))),
+        m_reader([this] {
+          for (uint32_t nSeen = 0; m_event.WaitForNext(nSeen, kForever) == EWaited::kSet;) {
+            *m_pTold = nSeen;
+          }
+          return 0;
+        }) {}
+  ~CSleepingReader() {
+    m_reader.Kill();
+    munmap(m_pTold, 4096);
+  }
+  CSleepingReader(const CSleepingReader&) = delete;
+  CSleepingReader& operator=(const CSleepingReader&) = delete;
+  bool IsToldOfAll() const {
+    const int64_t nEnd = NowMicroseconds() + 5000000;
+    while (*m_pTold != m_event.SetCount() && NowMicroseconds() < nEnd) usleep(50);
+    return *m_pTold == m_event.SetCount();
+  }
+
+ private:
+  const CNamedEvent m_event;
+  std::atomic<uint32_t>* const m_pTold;
+  CChild m_reader;
+};
+
 TEST_F(CTableProcesses, AKilledWriterStopsNobody) {
   std::mt19937 random(7);
   CSession survivor(m_table.Name(), m_names);
+  const CSleepingReader reader(m_names[0] + kEventSuffix);
   int nLate = 0;
-  for (int nRound = 0; nRound < 200; ++nRound) {
+  for (uint32_t nRound = 0; nRound < 200; ++nRound) {
     const CSignalPipe started;
     CChild writer([&] {
       CSession session(m_table.Name(), m_names);
-      if (nRound % 3 == 2) {
-        started.Send();
-        for (uint32_t i = 0;; ++i) session.Put(i % kTags, SelfChecking(i % 90));
-      }
-      const CSemaphoreHold outer(session.m_lock);
-      if (nRound % 3 == 0) {
-        started.Send();
-        pause();
-      }
-      const CValueAccess inner(session.m_store, *session.m_tags[0]);
       started.Send();
-      pause();
+      for (uint32_t i = 0;; ++i) session.Put(i % kTags, SelfChecking(i % 90));
       return 0;
     });
     started.Await();
-    if (nRound % 3 == 2) usleep(static_cast<useconds_t>(random() % 1000));
+    usleep(static_cast<useconds_t>(random() % 1000));
     writer.Kill();
     const int64_t nStart = NowMicroseconds();
     for (size_t nTag = 0; nTag < kTags; ++nTag) {
-      ASSERT_TRUE(survivor.Put(nTag, SelfChecking(static_cast<uint32_t>(nRound) % 90)));
+      ASSERT_TRUE(survivor.Put(nTag, SelfChecking(nRound % 90)));
       ASSERT_TRUE(survivor.GetIsWhole(nTag));
     }
     nLate += NowMicroseconds() - nStart > 100000;
+    ASSERT_TRUE(reader.IsToldOfAll()) << nRound;
   }
+  const CSemaphoreHold hold(survivor.m_lock);
+  EXPECT_GT(survivor.m_lock.ChangeCount(), 50U) << "deaths while holding the lock";
   EXPECT_LE(nLate, 2) << "of 200 deaths; a busy machine may hold the survivor up, a lock may not";
   std::vector<CTagImage> tags;
   EXPECT_TRUE(CTableOwner(m_table.Name()).List(tags));
