@@ -42,7 +42,9 @@ class KVL_API CNamedSemaphore {
   uint64_t ChangeCount() const;
   void CountChange();
 
-  // Takes the name away from the semaphore; whoever takes it from now on looks for another one.
+  // Ends the semaphore: its release takes the name away from it, and whoever takes it from now on
+  // looks for another one. What it guards is removed between the two, so that nobody finds that
+  // under another semaphore, and whoever dies meanwhile leaves it to be found by everybody.
   // Needs: the semaphore is held.
   void Remove();
 

@@ -41,7 +41,13 @@ void CSharedMemory::Open(std::string_view strName, uint32_t dwSize, const InitCa
                          EOpenMode mode) {
   if (strName.empty()) return SetError(kErrorInvalidName);
   m_strName = strName;
-  m_pSemaphore = std::make_unique<CNamedSemaphore>(m_strName + kLockSuffix, mode, m_audience);
+  const std::string strLock = m_strName + kLockSuffix;
+  m_pSemaphore = std::make_unique<CNamedSemaphore>(strLock, mode, m_audience);
+  // A section without its semaphore is what a killed remover leaves: the table is still there.
+  if (m_pSemaphore->Error() == kErrorNotFound &&
+      CNamedSection(m_strName, 0, EOpenMode::kOpenExisting, m_audience).IsOpen()) {
+    m_pSemaphore = std::make_unique<CNamedSemaphore>(strLock, EOpenMode::kOpenOrCreate, m_audience);
+  }
   if (m_pSemaphore->Take() == ETaken::kNo) {
     SetError(m_pSemaphore->Error());
   } else {

@@ -163,9 +163,9 @@ uint32_t CTableOwner::Remove(std::string_view strTable, EAudience audience) {
     const CNamedSection section(strName, 0, EOpenMode::kOpenExisting, audience);
     if (section.IsOpen()) RemoveEvents({section.View(), section.Size()}, audience);
   }
-  CNamedSection::Remove(strName, audience);
   lock.Remove();
   session.Remove();
+  CNamedSection::Remove(strName, audience);
   return 0;
 }
 

@@ -159,6 +159,44 @@ TEST_F(CTableProcesses, AKilledWriterStopsNobody) {
   EXPECT_EQ(kTags, tags.size());
 }
 
+// Wherever the remover dies, those who had the table open and those who open it then meet again.
+TEST_F(CTableProcesses, AKilledRemoverLeavesOneTable) {
+  std::mt19937 random(11);
+  CTagSet tags;
+  ASSERT_EQ(nullptr, tags.Add(m_names[0], kTagText, kTextSize));
+  CSession session(m_table.Name(), m_names);
+  int nLeft = 0;
+  int64_t nDelay = 100;  // microseconds
+  for (uint32_t nRound = 0; nRound < 200; ++nRound) {
+    const CSignalPipe started;
+    CChild remover([&] {
+      started.Send();
+      CTableOwner::Remove(m_table.Name());
+      return 0;
+    });
+    started.Await();
+    for (const int64_t nEnd = NowMicroseconds() + nDelay; NowMicroseconds() < nEnd;) {
+    }
+    remover.Kill();
+    CTableOwner owner(m_table.Name());
+    const bool bThere = owner.IsOpen();
+    const bool bPut = session.Put(0, SelfChecking(1));
+    EXPECT_EQ(bThere, bPut) << nRound;
+    ASSERT_TRUE(owner.Create(tags, true)) << owner.LastError();
+    const std::string text = SelfChecking(nRound % 90);
+    ASSERT_TRUE(session.Put(0, text)) << nRound;
+    CTagImage tag;
+    ASSERT_TRUE(owner.Get(m_names[0], tag));
+    ASSERT_EQ(text, std::string(tag.m_payload.begin(), tag.m_payload.end())) << nRound;
+    nLeft += bThere;
+    // So most deaths fall where the removal ends.
+    const auto nStep = static_cast<int64_t>(random() % 16);
+    nDelay = std::max<int64_t>(nDelay + (bThere ? nStep : -nStep), 0);
+  }
+  EXPECT_GT(nLeft, 10);
+  EXPECT_LT(nLeft, 190);
+}
+
 TEST_F(CTableProcesses, ASectionCutShortIsRefusedWhereItIsSearched) {
   CSession session(m_table.Name(), {});
   const auto pTag = session.m_store.BindTag(m_names[0]);

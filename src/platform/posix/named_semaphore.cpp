@@ -116,6 +116,7 @@ ETaken CNamedSemaphore::Take() {
 void CNamedSemaphore::Release() {
   if (!m_bHeld) return;
   m_bHeld = false;
+  if (m_pShared->m_nRemoved != 0) DropName();
   pthread_mutex_unlock(&m_pShared->m_mutex);
 }
 
@@ -129,7 +130,6 @@ void CNamedSemaphore::CountChange() {
 
 void CNamedSemaphore::Remove() {
   m_pShared->m_nRemoved = 1;
-  DropName();
 }
 
 void CNamedSemaphore::DropName() {
