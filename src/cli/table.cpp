@@ -39,8 +39,13 @@ int Create(const CTableOptions& options, const CContext& context) {
                                       "its tags, --replace drops them and lays these instead",
                                       options.m_table));
     }
-    throw CCommandError(kFailed, fmt::format("table '{}' can't be laid: {}", options.m_table,
-                                             ErrorText(owner.LastError())));
+    // A section that is too small stays so until it is made anew.
+    const bool anew = owner.LastError() == kErrorDamaged ||
+                      (owner.IsOpen() && owner.LastError() == kErrorDiskFull);
+    throw CCommandError(
+        kFailed,
+        fmt::format("table '{}' can't be laid: {}{}", options.m_table, ErrorText(owner.LastError()),
+                    anew ? AdviceToRemove(options.m_table) : std::string()));
   }
   const size_t count = tags.Tags().size();
   if (options.m_bJson) {

@@ -91,6 +91,10 @@ CJson TagJson(const CTagImage& tag) {
           {"hex", ToHex(tag.m_payload)}};
 }
 
+std::string AdviceToRemove(const std::string& table) {
+  return fmt::format("; kvl table remove {} drops it", table);
+}
+
 void RefuseTable(const std::string& table, uint32_t dwCode) {
   if (dwCode == kErrorNotFound) {
     throw CCommandError(kFailed, fmt::format("there is no table '{0}'; kvl table create {0} --tags "
@@ -98,7 +102,8 @@ void RefuseTable(const std::string& table, uint32_t dwCode) {
                                              table));
   }
   throw CCommandError(kFailed,
-                      fmt::format("table '{}' can't be used: {}", table, ErrorText(dwCode)));
+                      fmt::format("table '{}' can't be used: {}{}", table, ErrorText(dwCode),
+                                  dwCode == kErrorDamaged ? AdviceToRemove(table) : std::string()));
 }
 
 void RefuseTag(const std::string& table, const std::string& tag, uint32_t dwCode) {

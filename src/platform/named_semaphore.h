@@ -22,6 +22,9 @@ enum class ETaken {
 class KVL_API CNamedSemaphore {
  public:
   CNamedSemaphore(std::string_view strName, EOpenMode mode, EAudience audience);
+  // Why no semaphore could have that name; 0 if one could.
+  static uint32_t NameError(std::string_view strName);
+
   ~CNamedSemaphore();  // releases it if held
   CNamedSemaphore(const CNamedSemaphore&) = delete;
   CNamedSemaphore& operator=(const CNamedSemaphore&) = delete;

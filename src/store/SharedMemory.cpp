@@ -40,6 +40,9 @@ CSharedMemory::~CSharedMemory() = default;
 void CSharedMemory::Open(std::string_view strName, uint32_t dwSize, const InitCallback& callback,
                          EOpenMode mode) {
   if (strName.empty()) return SetError(kErrorInvalidName);
+  // No object is made of a table that can't have them all.
+  const uint32_t dwNameError = CNamedSemaphore::NameError(std::string(strName) + kTableLockSuffix);
+  if (dwNameError != 0) return SetError(dwNameError);
   m_strName = strName;
   const std::string strLock = m_strName + kLockSuffix;
   m_pSemaphore = std::make_unique<CNamedSemaphore>(strLock, mode, m_audience);
@@ -74,7 +77,7 @@ bool CSharedMemory::OpenSection(uint32_t dwSize, EOpenMode mode) {
   uint8_t* pView = pSection->View();
   // Neither a size nor a record: its maker died before the head was laid.
   const bool bBlank = LoadAt<uint64_t>(pView) == 0;
-  m_bFirstOpener = bBlank && mode == EOpenMode::kOpenOrCreate;
+  m_bFirstOpener = bBlank;
   if (m_bFirstOpener) {
     const auto dwWhole = static_cast<uint32_t>(pSection->Size());
     memset(pView, 0, dwWhole);
@@ -83,8 +86,8 @@ bool CSharedMemory::OpenSection(uint32_t dwSize, EOpenMode mode) {
   } else if (mode == EOpenMode::kOpenOrCreate) {
     SetThreadError(kErrorAlreadyExists);
   }
-  m_dwSize = LoadAt<uint32_t>(pView + kSizeOffset);
   m_pSection = std::move(pSection);
+  FollowShape();
   return true;
 }
 
@@ -96,7 +99,10 @@ bool CSharedMemory::Lock() {
     SetError(m_pSemaphore->Error());
     return false;
   }
-  if (taken == ETaken::kYes && m_pSection) return true;
+  if (taken == ETaken::kYes && m_pSection) {
+    FollowShape();
+    return true;
+  }
   if (OpenSection(0, EOpenMode::kOpenExisting)) return true;
   m_pSemaphore->Release();
   return false;
@@ -121,7 +127,6 @@ bool CSharedMemory::IsNamed(const CRecord& record, std::u16string_view strWide) 
 // The first record of the tag's name. A tag that was found before is found again at once: the
 // change count tells that the records lie where they did.
 bool CSharedMemory::FindRecord(CTag& tag, CRecord& record) {
-  FollowShape();
   if (tag.m_nShape == m_nShape && RecordAt(Section(), tag.m_dwOffset, record) &&
       IsNamed(record, tag.m_strWide)) {
     return true;
@@ -158,6 +163,7 @@ void CSharedMemory::FollowShape() {
   if (nChanges == m_nShapeChanges && dwCount == m_dwShapeCount) return;
   m_nShapeChanges = nChanges;
   m_dwShapeCount = dwCount;
+  m_dwSize = LoadAt<uint32_t>(m_pSection->View() + kSizeOffset);
   ++m_nShape;
   m_bIndexed = false;
 }

@@ -62,7 +62,7 @@ class KVL_API CSharedMemory {
   // Opens the section of that name, or makes one of `dwSize` bytes, all zero but its size word.
   // One that is there keeps its own size. The callback, if any, runs once the store is open, for
   // every opener, with the semaphore released; it may use the store and must not throw.
-  // With kOpenExisting nothing is made.
+  // With kOpenExisting no section is made.
   // A failure leaves the store closed, with its code in LastError().
   CSharedMemory(std::string_view strName, uint32_t dwSize, const InitCallback& callback = nullptr,
                 EAudience audience = EAudience::kOwner, EOpenMode mode = EOpenMode::kOpenOrCreate);

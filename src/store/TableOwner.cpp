@@ -60,15 +60,24 @@ CTableOwner::CTableOwner(std::string_view strTable, EAudience audience)
                                                EOpenMode::kOpenExisting)),
       m_dwLastError(m_pStore->LastError()) {}
 
-bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
-  if (!IsOpen()) {
+// Holds the store, of a table that is made if it isn't there, or is no longer.
+bool CTableOwner::LockOrMake() {
+  if (IsOpen() && m_pStore->Lock()) return true;
+  if (!IsOpen() || m_pStore->LastError() == kErrorNotFound) {
     m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize, nullptr, m_audience);
-    if (!IsOpen()) return Check(false, m_pStore->LastError());
+    if (IsOpen() && m_pStore->Lock()) return true;
   }
+  return Check(false, m_pStore->LastError());
+}
+
+bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
+  if (!LockOrMake()) return false;
+  m_pStore->Unlock();
   CNamedSemaphore session(m_strTable + kTableLockSuffix, EOpenMode::kOpenOrCreate, m_audience);
   const CSemaphoreHold hold(session);
   if (!hold) return Check(false, session.Error());
-  if (!m_pStore->Lock()) return Check(false, m_pStore->LastError());
+  // Nobody removes the table from now on.
+  if (!LockOrMake()) return false;
   const bool bLaid = Lay(tags, bReplace);
   m_pStore->Unlock();
   return bLaid;
@@ -77,17 +86,17 @@ bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
 // The record count is 0 until all records stand, so that whoever dies meanwhile leaves an empty
 // table and no half of one.
 bool CTableOwner::Lay(const CTagSet& tags, bool bReplace) {
-  const std::span<uint8_t> section = m_pStore->Section();
-  if (section.size() < kFirstRecord || !m_pStore->m_pSection->IsWhole()) {
-    return Check(false, kErrorDamaged);
-  }
+  if (!m_pStore->m_pSection->IsWhole()) return Check(false, kErrorDamaged);
+  // All of it, whatever size it claims.
+  const std::span<uint8_t> section(m_pStore->m_pSection->View(), m_pStore->m_pSection->Size());
   if (!bReplace && LoadAt<uint32_t>(section.data() + kCountOffset) != 0) {
     return Check(false, kErrorAlreadyExists);
   }
   if (section.size() < tags.Bytes()) return Check(false, kErrorDiskFull);
-  RemoveEvents(section, m_audience);
+  RemoveEvents(m_pStore->Section(), m_audience);
   m_pStore->m_pSemaphore->CountChange();
   StoreAt(section.data() + kCountOffset, uint32_t{0});
+  StoreAt(section.data() + kSizeOffset, static_cast<uint32_t>(section.size()));
   std::fill(section.begin() + kFirstRecord, section.end(), uint8_t{0});
   uint8_t* pRecord = section.data() + kFirstRecord;
   for (const CTagDefinition& tag : tags.Tags()) pRecord = LayRecord(pRecord, tag);
@@ -149,7 +158,10 @@ bool CTableOwner::Set(std::string_view strTag, std::string_view strText, std::st
 uint32_t CTableOwner::Remove(std::string_view strTable, EAudience audience) {
   const std::string strName(strTable);
   const std::string strLock = strName + kLockSuffix;
-  if (!CNamedSemaphore(strLock, EOpenMode::kOpenExisting, audience).IsOpen()) {
+  const auto IsThere = [audience](const std::string& strSemaphore) {
+    return CNamedSemaphore(strSemaphore, EOpenMode::kOpenExisting, audience).IsOpen();
+  };
+  if (!IsThere(strLock) && !IsThere(strName + kTableLockSuffix)) {
     const CNamedSection probe(strName, 0, EOpenMode::kOpenExisting, audience);
     if (!probe.IsOpen()) return probe.Error();
   }

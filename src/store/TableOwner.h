@@ -53,6 +53,7 @@ class KVL_API CTableOwner {
   static uint32_t Remove(std::string_view strTable, EAudience audience = EAudience::kOwner);
 
  private:
+  bool LockOrMake();
   bool Lay(const CTagSet& tags, bool bReplace);
   bool Check(bool bDone, uint32_t dwCode);
 

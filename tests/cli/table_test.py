@@ -193,7 +193,7 @@ class TableTest(unittest.TestCase):
     def test_damaged_tables_end_no_command_but_in_order(self):
         self.create()
         section = OBJECTS / (TABLE.replace(" ", "%20") + ".section")
-        for offset, data in [(0, b"\xff" * 8), (4, b"\0" * 4), (8, b"\xff" * 300), (88, b"\xff" * 4),
+        for offset, data in [(0, b"\xff" * 8), (0, b"\0" * 8), (4, b"\4\0\0\0"), (4, b"\0" * 4), (8, b"\xff" * 300), (88, b"\xff" * 4),
                              (124, b"\x04\xff\xff"), (0, os.urandom(400))]:
             with self.subTest(offset=offset, data=data):
                 self.create("--replace")
@@ -203,8 +203,18 @@ class TableTest(unittest.TestCase):
                 for command in (["show", TABLE], ["get", TABLE, MODE], ["set", TABLE, MODE, "1"],
                                 ["watch", TABLE, "NONE"]):
                     self.assertIn(kvl.run("table", *command).returncode, (0, 1), command)
-                with open(section, "r+b") as file:
-                    file.write(b"\0\0\0\0\0\0\xa0\0")
+        os.truncate(section, 7)
+        self.assertIn(f"kvl table remove {TABLE}", self.table("show", TABLE, exit_code=1))
+        self.table("remove", TABLE)
+        self.create()
+        os.unlink(section.with_name(section.stem + "_Sync.semaphore"))
+        self.assertIn(STATUS, self.table("show", TABLE))
+
+    def test_a_name_that_is_too_long_leaves_nothing(self):
+        for name in ("/" * 80, "x" * 239):
+            said = self.table("create", name, "--tags", self.tags, exit_code=1)
+            self.assertIn("the name is too long", said)
+            self.assertEqual([f for f in os.listdir(OBJECTS) if f.startswith((name, "%2F%2F"))], [])
 
     def test_replay_lays_a_private_table(self):
         script = self.file("script.kvl", SCRIPT)

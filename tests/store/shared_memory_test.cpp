@@ -71,6 +71,8 @@ TEST(CSharedMemoryOpening, FailuresLeaveTheStoreClosed) {
     uint32_t m_dwError;
   } cases[] = {{"", kSize, EOpenMode::kOpenOrCreate, kErrorInvalidName},
                {std::string(300, 'x'), kSize, EOpenMode::kOpenOrCreate, kErrorNameTooLong},
+               {std::string(239, 'x'), kSize, EOpenMode::kOpenOrCreate, kErrorNameTooLong},
+               {std::string(80, '/'), kSize, EOpenMode::kOpenOrCreate, kErrorNameTooLong},
                {"nothing there", kSize, EOpenMode::kOpenExisting, kErrorNotFound},
                {"too small", 7, EOpenMode::kOpenOrCreate, kErrorBadParameter}};
   for (const auto& row : cases) {

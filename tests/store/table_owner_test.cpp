@@ -204,6 +204,38 @@ TEST(CTableOwner, ListsWhatIsSoundOfADamagedTable) {
   EXPECT_EQ("C", tags[1].m_strName);
 }
 
+TEST(CTableOwner, LaysATableAnewWhateverItsHeadSays) {
+  const CTagSet tags = Tags("NEW byte");
+  for (const uint32_t dwCount : {0U, 1U, UINT32_MAX}) {
+    for (const uint32_t dwSize : {0U, 4U, 7U, 8U, 100U, 1024U, 1025U, UINT32_MAX}) {
+      SCOPED_TRACE(std::to_string(dwCount) + " records in " + std::to_string(dwSize));
+      CRawTable raw("head", 1024);
+      std::string head;
+      AppendWord(head, dwCount);
+      AppendWord(head, dwSize);
+      raw.Lay(head);
+      CSharedMemory session("head", kTableSize, nullptr, kPrivate);
+      CTableOwner owner("head", kPrivate);
+      std::vector<CTagImage> listed;
+      EXPECT_TRUE(owner.List(listed) || dwCount + dwSize > 0) << "blank";
+      ASSERT_TRUE(owner.Create(tags, true)) << owner.LastError();
+      CTagImage tag;
+      EXPECT_TRUE(owner.Get("NEW", tag));
+      EXPECT_TRUE(CValueAccess(session, *session.BindTag("NEW")).HasTag()) << "opened before";
+      EXPECT_EQ(std::string("\1\0\0\0\0\4\0\0", 8), raw.Bytes(0, 8));
+    }
+  }
+}
+
+TEST(CTableOwner, LaysATableThatWasRemovedBehindItsBack) {
+  CTableOwner owner("behind", kPrivate);
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(owner.Create(Tags("A byte"), false)) << owner.LastError();
+    ASSERT_EQ(0U, CTableOwner::Remove("behind", kPrivate));
+  }
+  EXPECT_EQ(kErrorNotFound, CTableOwner::Remove("behind", kPrivate)) << "nothing is left";
+}
+
 TEST(CTableOwner, RemovesEveryObjectOfATable) {
   EXPECT_EQ(kErrorNotFound, CTableOwner::Remove("dropped", kPrivate));
   CTableOwner owner("dropped", kPrivate);

@@ -51,6 +51,12 @@ CNamedSemaphore::~CNamedSemaphore() {
   Close();
 }
 
+uint32_t CNamedSemaphore::NameError(std::string_view strName) {
+  uint32_t dwError = 0;
+  ObjectFileName(strName, EObjectKind::kSemaphore, dwError);
+  return dwError;
+}
+
 bool CNamedSemaphore::Open() {
   m_dwError = 0;
   const CObjectFile file =
