@@ -1,6 +1,7 @@
 #include "store/TableOwner.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "platform/last_error.h"
 #include "platform/named_event.h"
@@ -21,8 +22,9 @@ bool NameOf(std::span<const uint8_t> section, const CRecord& record, std::string
   return Cp949FromUtf8(Utf8FromUtf16(strWide), strName);
 }
 
+// The tag in a record, but for its name. False if the value area is none of a tag.
 bool TagOf(std::span<const uint8_t> section, const CRecord& record, CTagImage& tag) {
-  if (record.m_dwLength < kTagHead || !NameOf(section, record, tag.m_strName)) return false;
+  if (record.m_dwLength < kTagHead) return false;
   const auto area = section.subspan(record.m_dwOffset + kRecordHead, record.m_dwLength);
   const auto nSize = LoadAt<uint16_t>(area.data() + kOwnerField + 1);
   if (area.size() - kTagHead < nSize) return false;
@@ -111,9 +113,13 @@ bool CTableOwner::List(std::vector<CTagImage>& tags) {
   const std::span<const uint8_t> section = m_pStore->Section();
   uint32_t dwCode = kErrorDamaged;
   if (m_pStore->m_pSection->IsWhole()) {
+    std::unordered_set<std::string> names;
     dwCode = WalkRecords(section, [&](const CRecord& record) {
       CTagImage tag;
-      if (TagOf(section, record, tag)) tags.push_back(std::move(tag));
+      // Nobody reaches a second record of a name.
+      const bool bFirst =
+          NameOf(section, record, tag.m_strName) && names.insert(tag.m_strName).second;
+      if (bFirst && TagOf(section, record, tag)) tags.push_back(std::move(tag));
       return false;
     });
   }

@@ -192,7 +192,8 @@ TEST(CTableOwner, ListsWhatIsSoundOfADamagedTable) {
   CRawTable raw("damaged", 1024);
   std::string bytes = TableBytes(
       {RecordBytes(u"A", TagArea(1, "a")), RecordBytes(u"raw", "no tag"),
-       RecordBytes(std::u16string(40, u'x'), TagArea(1, "b")), RecordBytes(u"C", TagArea(1, "c"))},
+       RecordBytes(std::u16string(40, u'x'), TagArea(1, "b")), RecordBytes(u"C", TagArea(1, "c")),
+       RecordBytes(u"A", TagArea(4, "hidden")), RecordBytes(u"raw", TagArea(1, "hidden"))},
       1024);
   bytes[0] = 99;
   raw.Lay(bytes);
