@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
+#include <cstdlib>
 #include <thread>
 
 #include "store/child.h"
@@ -148,16 +148,20 @@ TEST_F(CReaderTest, ManyThreadsShareOneTable) {
 
 class CExampleTest : public CReaderTest {
  protected:
-  // What a program prints when the tag is set to 2.5 once it has printed the first value.
-  std::string Follow(const std::string& strCommand) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> pOutput(popen(strCommand.c_str(), "r"), pclose);
-    if (!pOutput) return {};
+  // What a program prints when the tag is set to 2.5 once it has printed the first value. With the
+  // second value it may be interrupted.
+  std::string Follow(const std::string& strCommand, bool bInterrupt = false) {
+    FILE* const pOutput = popen(("echo $$; exec " + strCommand).c_str(), "r");
+    char szLine[256] = "";
+    if (pOutput == nullptr || fgets(szLine, sizeof szLine, pOutput) == nullptr) return {};
+    const pid_t nProcess = atoi(szLine);
     std::string strOutput;
-    char szLine[256];
-    while (fgets(szLine, sizeof szLine, pOutput.get()) != nullptr) {
-      if (strOutput.empty()) Set(m_strFloat, "2.5");
+    for (int nLine = 1; fgets(szLine, sizeof szLine, pOutput) != nullptr; ++nLine) {
       strOutput += szLine;
+      if (nLine == 1) Set(m_strFloat, "2.5");
+      if (nLine == 2 && bInterrupt) kill(nProcess, SIGINT);
     }
+    EXPECT_EQ(0, pclose(pOutput));
     return strOutput;
   }
 };
@@ -175,6 +179,11 @@ TEST_F(CExampleTest, InPythonFollowsATag) {
       m_strFloat + " 1.5\n" + m_strFloat + " 2.5\n",
       Follow("python3 " TABLE_READER_PY " --library " KVL_LIBRARY " --count 2 --timeout 10000 " +
              m_table.Name() + " " + m_strFloat));
+  // Ctrl-C while it waits for a third.
+  EXPECT_EQ(m_strFloat + " 2.5\n" + m_strFloat + " 2.5\n",
+            Follow("python3 " TABLE_READER_PY " --library " KVL_LIBRARY " " + m_table.Name() + " " +
+                       m_strFloat + " 2>&1",
+                   true));
 }
 
 }  // namespace
