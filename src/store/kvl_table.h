@@ -13,7 +13,8 @@
  *            kvl_table_close and kvl_tag_close: no other call may be going on then, or come after.
  * Errors:    functions that return int return KVL_OK or one of the codes below; they then leave
  *            their results as they were, unless told otherwise.
- * Pointers:  must not be null unless told otherwise. Texts are UTF-8, ended by a zero byte.
+ * Pointers:  one that is null gives KVL_BAD_PARAMETER unless told otherwise. Texts are UTF-8, ended
+ *            by a zero byte.
  */
 #pragma once
 
@@ -32,9 +33,10 @@ typedef struct kvl_tag kvl_tag;
 enum {
   KVL_OK = 0,
   KVL_NOT_FOUND = 2,     /* no such table, or no such tag in it, or no more */
-  KVL_ACCESS_DENIED = 5, /* the table is another user's */
+  KVL_ACCESS_DENIED = 5, /* the table's folder is not this user's own */
   KVL_NO_MEMORY = 8,
   KVL_WRONG_TYPE = 13,    /* the tag does not hold what was asked for */
+  KVL_BAD_PARAMETER = 87, /* a pointer is null */
   KVL_SMALL_BUFFER = 122, /* the destination is shorter than the value */
   KVL_TIMEOUT = 258,      /* no new value within the time */
   KVL_BAD_NAME = 1113,    /* the name can't be the name of a table or a tag */
@@ -53,7 +55,7 @@ enum {
 /* What a code means, in English. Never null; valid for ever. */
 KVL_API const char* kvl_error_text(int code);
 
-/* Opens a table that is there; none is made. When the table is removed and laid anew, what is
+/* Opens a table of this user's that is there; none is made. When the table is removed and laid anew, what is
  * open goes over to the new one by itself. Close the result with kvl_table_close. */
 KVL_API int kvl_table_open(const char* name, kvl_table** table);
 
@@ -67,7 +69,7 @@ KVL_API int kvl_table_tag(kvl_table* table, const char* name, kvl_tag** tag);
 /* Closes one tag before its table is. Null is let pass. */
 KVL_API void kvl_tag_close(kvl_tag* tag);
 
-/* The name under which the tag was looked up; valid as long as the tag. */
+/* The name under which the tag was looked up; valid as long as the tag. Empty for null. */
 KVL_API const char* kvl_tag_name(const kvl_tag* tag);
 
 /* The tag's type, one of KVL_TYPE_ or a number unknown here, and the size of its value in bytes. */

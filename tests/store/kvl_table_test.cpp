@@ -87,6 +87,32 @@ TEST_F(CReaderTest, RefusesWhatIsNotThere) {
   kvl_tag_close(nullptr);
 }
 
+TEST_F(CReaderTest, NullPointersAreRefused) {
+  kvl_tag* pTag = m_pFloat;
+  int type = 0;
+  size_t size = 0;
+  double number = 0;
+  char text[8];
+  const int codes[] = {kvl_table_open(nullptr, &m_pTable),
+                       kvl_table_open("x", nullptr),
+                       kvl_table_tag(nullptr, "x", &pTag),
+                       kvl_table_tag(m_pTable, nullptr, &pTag),
+                       kvl_table_tag(m_pTable, m_strFloat.c_str(), nullptr),
+                       kvl_tag_info(nullptr, &type, &size),
+                       kvl_tag_info(m_pFloat, nullptr, &size),
+                       kvl_tag_info(m_pFloat, &type, nullptr),
+                       kvl_tag_read(nullptr, text, sizeof text, &size),
+                       kvl_tag_read(m_pFloat, nullptr, sizeof text, &size),
+                       kvl_tag_read(m_pFloat, text, sizeof text, nullptr),
+                       kvl_tag_read_number(nullptr, &number),
+                       kvl_tag_read_number(m_pFloat, nullptr),
+                       kvl_tag_read_text(nullptr, text, sizeof text),
+                       kvl_tag_read_text(m_pText, nullptr, sizeof text),
+                       kvl_tag_wait(nullptr, 0)};
+  for (const int code : codes) EXPECT_EQ(KVL_BAD_PARAMETER, code) << &code - codes;
+  EXPECT_STREQ("", kvl_tag_name(nullptr));
+}
+
 TEST_F(CReaderTest, WaitTellsOfEachNewValue) {
   EXPECT_EQ(KVL_OK, kvl_tag_wait(m_pFloat, -1)) << "of the value that is there already";
   EXPECT_EQ(KVL_TIMEOUT, kvl_tag_wait(m_pFloat, 1));
