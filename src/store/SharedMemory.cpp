@@ -10,6 +10,8 @@
 namespace kvl {
 namespace {
 
+constexpr uint32_t kNoRecord = 0;  // the section's head is there
+
 // Names that a script makes at run time are bound as they come; this many are remembered.
 constexpr size_t kMaxTags = 16384;
 
@@ -124,21 +126,22 @@ bool CSharedMemory::IsNamed(const CRecord& record, std::u16string_view strWide) 
   return memcmp(pName, strWide.data(), nBytes) == 0 && LoadAt<char16_t>(pName + nBytes) == 0;
 }
 
-// The first record of the tag's name. A tag that was found before is found again at once: the
-// change count tells that the records lie where they did.
+// The first record of the tag's name. A tag that was looked for before is found, or missed, again
+// at once: the change count tells that the records lie where they did.
 bool CSharedMemory::FindRecord(CTag& tag, CRecord& record) {
-  if (tag.m_nShape == m_nShape && RecordAt(Section(), tag.m_dwOffset, record) &&
+  const bool bKnown = tag.m_nShape == m_nShape;
+  if (bKnown && tag.m_dwOffset != kNoRecord && RecordAt(Section(), tag.m_dwOffset, record) &&
       IsNamed(record, tag.m_strWide)) {
     return true;
   }
-  const uint32_t dwCode = m_pSection->IsWhole() ? SearchRecord(tag, record) : kErrorDamaged;
-  if (dwCode != 0) {
-    SetError(dwCode);
-    return false;
+  uint32_t dwCode = kErrorNotFound;
+  if (!bKnown || tag.m_dwOffset != kNoRecord) {
+    dwCode = m_pSection->IsWhole() ? SearchRecord(tag, record) : kErrorDamaged;
+    tag.m_nShape = dwCode == kErrorDamaged ? 0 : m_nShape;
+    tag.m_dwOffset = dwCode == 0 ? record.m_dwOffset : kNoRecord;
   }
-  tag.m_nShape = m_nShape;
-  tag.m_dwOffset = record.m_dwOffset;
-  return true;
+  if (dwCode != 0) SetError(dwCode);
+  return dwCode == 0;
 }
 
 // By the index, or else record by record: so a name that the index lacks, or whose record is not

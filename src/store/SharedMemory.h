@@ -36,8 +36,8 @@ namespace kvl {
 
 class CSharedMemory;
 
-// One value's name, bound to a store. Remembers where the record was found, which holds for as
-// long as the table keeps its shape.
+// One value's name, bound to a store. Remembers where the record was found, or that there is none,
+// which holds for as long as the table keeps its shape.
 class KVL_API CTag {
  public:
   const std::string& Name() const { return m_strName; }
@@ -50,8 +50,8 @@ class KVL_API CTag {
   const std::string m_strName;
   const std::u16string m_strWide;
   const size_t m_nHash;
-  uint64_t m_nShape = 0;  // the store's m_nShape for which m_dwOffset is right; 0 is none
-  uint32_t m_dwOffset = 0;
+  uint64_t m_nShape = 0;    // the store's m_nShape for which m_dwOffset is right; 0 is none
+  uint32_t m_dwOffset = 0;  // of the record; 0 for none
   CEventTrigger m_event;
 };
 

@@ -55,8 +55,8 @@ enum {
 /* What a code means, in English. Never null; valid for ever. */
 KVL_API const char* kvl_error_text(int code);
 
-/* Opens a table of this user's that is there; none is made. When the table is removed and laid anew, what is
- * open goes over to the new one by itself. Close the result with kvl_table_close. */
+/* Opens a table of this user's that is there; none is made. When the table is removed and laid
+ * anew, what is open goes over to the new one by itself. Close the result with kvl_table_close. */
 KVL_API int kvl_table_open(const char* name, kvl_table** table);
 
 /* Closes a table and all its tags. Null is let pass. */
