@@ -6,50 +6,47 @@
 #include <string>
 
 #include "measure.h"
-#include "platform/named_semaphore.h"
+#include "script/tag_exchange.h"
 #include "store/TableOwner.h"
 
 using namespace kvl;
 
 namespace {
 
-// A session on a table of `nTags` floats, with the locks that an engine takes.
+// A script's PUT and GET on a table of `nTags` floats.
 class CSession {
  public:
   explicit CSession(int nTags)
       : m_strTable("bench-" + std::to_string(getpid()) + "-" + std::to_string(nTags)) {
     CTagSet tags;
-    for (int i = 0; i < nTags; ++i) tags.Add(TagName(i), kTagFloat, 4);
+    for (int i = 0; i < nTags; ++i) {
+      m_names.push_back("BENCH_COMMON_PREFIX_" + std::to_string(i));
+      tags.Add(m_names.back(), kTagFloat, 4);
+    }
     CTableOwner owner(m_strTable);
     Require(owner.Create(tags, true), "no table");
-    m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize);
-    m_pLock = std::make_unique<CNamedSemaphore>(m_strTable + kTableLockSuffix,
-                                                EOpenMode::kOpenOrCreate, EAudience::kOwner);
+    m_pExchange = std::make_unique<CTagExchange>(m_strTable, EAudience::kOwner);
   }
   ~CSession() { CTableOwner::Remove(m_strTable); }
   CSession(const CSession&) = delete;
   CSession& operator=(const CSession&) = delete;
 
-  static std::string TagName(int nTag) { return "BENCH_COMMON_PREFIX_" + std::to_string(nTag); }
-  std::shared_ptr<CTag> Bind(int nTag) { return m_pStore->BindTag(TagName(nTag)); }
-
-  void Put(CTag& tag, float value) {
-    const CSemaphoreHold session(*m_pLock);
-    CValueAccess access(*m_pStore, tag);
-    if (access.Type() == kTagFloat) access.WritePayload(&value, sizeof value);
+  int32_t NewSlot() { return m_pExchange->NewSlot(); }
+  void Put(int32_t nSlot, int nTag, float value) {
+    m_pExchange->Put(nSlot, m_names[static_cast<size_t>(nTag)], {true, double{value}, {}},
+                     m_nobody);
   }
-  float Get(CTag& tag) {
-    float value = -1;
-    const CSemaphoreHold session(*m_pLock);
-    const CValueAccess access(*m_pStore, tag);
-    if (access.Type() == kTagFloat) value = LoadAt<float>(access.Payload().data());
-    return value;
+  float Get(int32_t nSlot, int nTag) {
+    uint8_t bytes[4] = {};
+    m_pExchange->Get(nSlot, m_names[static_cast<size_t>(nTag)], bytes, 0);
+    return LoadAt<float>(bytes);
   }
 
  private:
   const std::string m_strTable;
-  std::unique_ptr<CSharedMemory> m_pStore;
-  std::unique_ptr<CNamedSemaphore> m_pLock;
+  std::vector<std::string> m_names;
+  CNobody m_nobody;
+  std::unique_ptr<CTagExchange> m_pExchange;
 };
 
 // Two subjects that stand side by side in the report.
@@ -114,26 +111,24 @@ constexpr const char* kRedis = "Redis, unix socket";
 
 void AddTags(CReport& report, CSession& session, int nTags) {
   for (const int nTag : std::set<int>{0, nTags / 2, nTags - 1}) {
-    const auto pTag = session.Bind(nTag);
+    const int32_t nSlot = session.NewSlot();
     const std::string strName = "tag " + std::to_string(nTag + 1) + " of " + std::to_string(nTags);
     report.Add(
-        strName, 1000, [&session, pTag](float value) { session.Put(*pTag, value); },
-        [&session, pTag] { return session.Get(*pTag); });
+        strName, 1000, [=, &session](float value) { session.Put(nSlot, nTag, value); },
+        [=, &session] { return session.Get(nSlot, nTag); });
   }
 }
 
-// Tags whose names a script makes at run time: each access looks its tag up by the name.
+// One instruction whose operand gives another name each time.
 void AddNames(CReport& report, CSession& session, int nTags) {
-  const auto nPut = std::make_shared<int>(0);
-  const auto nGet = std::make_shared<int>(0);
-  const auto Next = [&session, nTags](int& nTag) {
-    nTag = (nTag + 7919) % nTags;
-    return session.Bind(nTag);
-  };
+  const auto pPut = std::make_shared<int>(0);
+  const auto pGet = std::make_shared<int>(0);
+  const int32_t nSlot = session.NewSlot();
+  const auto Next = [nTags](int& nTag) { return nTag = (nTag + 7919) % nTags; };
   report.Add(
       "any of " + std::to_string(nTags) + ", by name", 1000,
-      [=, &session](float value) { session.Put(*Next(*nPut), value); },
-      [=, &session] { return session.Get(*Next(*nGet)); });
+      [=, &session](float value) { session.Put(nSlot, Next(*pPut), value); },
+      [=, &session] { return session.Get(nSlot, Next(*pGet)); });
 }
 
 void AddLockedCopy(CReport& report) {
