@@ -42,7 +42,7 @@ class KVL_API CNamedSemaphore {
   // the semaphore guards counts the change, so that others know when what they remember has
   // ceased to hold. A holder's death counts as a change.
   // Needs: the semaphore is held.
-  uint64_t ChangeCount() const;
+  uint64_t ChangeCount() const { return *m_pnChangeCount; }
   void CountChange();
 
   // Ends the semaphore: its release takes the name away from it, and whoever takes it from now on
@@ -62,6 +62,7 @@ class KVL_API CNamedSemaphore {
   EOpenMode m_mode;  // kOpenExisting once it was held: nobody makes anew what was removed
   EAudience m_audience;
   Shared* m_pShared = nullptr;
+  const uint64_t* m_pnChangeCount = nullptr;  // in m_pShared
   uint64_t m_nDevice = 0;  // with m_nNumber: which of the objects that have had the name
   uint64_t m_nNumber = 0;
   uint32_t m_dwError = 0;

@@ -267,7 +267,7 @@ CValueAccess::CValueAccess(CSharedMemory& store, CTag& tag) : m_store(store), m_
 CValueAccess::~CValueAccess() {
   if (!m_bLocked) return;
   m_store.Unlock();
-  m_tag.m_event.Wake();
+  if (m_bWritten) m_tag.m_event.Wake();
 }
 
 std::span<const uint8_t> CValueAccess::Payload() const {
@@ -286,6 +286,7 @@ bool CValueAccess::Write(const void* pSource, uint32_t dwFromEnd, uint32_t dwByt
   if (dwBytes > m_area.size()) return Refuse(kErrorNoMemory);
   if (dwFromEnd > m_area.size() || dwBytes > dwFromEnd) return Refuse(kErrorBadParameter);
   memcpy(m_area.data() + (m_area.size() - dwFromEnd), pSource, dwBytes);
+  m_bWritten = true;
   try {
     m_tag.m_event.Set();
   } catch (const std::bad_alloc&) {

@@ -168,6 +168,7 @@ class KVL_API CValueAccess {
   bool m_bLocked = false;
   bool m_bFound = false;
   bool m_bTag = false;
+  bool m_bWritten = false;
   uint8_t m_type = 0;
   uint16_t m_nPayload = 0;
 };

@@ -81,6 +81,7 @@ bool CNamedSemaphore::Open() {
   if (nError == 0 && mark.load() != kReady) m_dwError = kErrorInvalidData;
   if (m_dwError == 0) {
     m_pShared = pShared;
+    m_pnChangeCount = &pShared->m_nChangeCount;
     m_nDevice = IdOf(file).m_nDevice;
     m_nNumber = IdOf(file).m_nNumber;
     return true;
@@ -124,10 +125,6 @@ void CNamedSemaphore::Release() {
   m_bHeld = false;
   if (m_pShared->m_nRemoved != 0) DropName();
   pthread_mutex_unlock(&m_pShared->m_mutex);
-}
-
-uint64_t CNamedSemaphore::ChangeCount() const {
-  return m_pShared->m_nChangeCount;
 }
 
 void CNamedSemaphore::CountChange() {
