@@ -73,7 +73,7 @@ class CTableProcesses : public testing::Test {
   std::vector<std::string> m_names;
 };
 
-// KVL_TORN_SECONDS lengthens it.
+// `make stress` runs it for longer, by KVL_TORN_SECONDS.
 TEST_F(CTableProcesses, NoValueIsTorn) {
   const char* szSeconds = getenv("KVL_TORN_SECONDS");
   const int64_t nEnd = NowMicroseconds() + (szSeconds ? atoi(szSeconds) : 1) * 1000000;
