@@ -35,9 +35,9 @@ int Create(const CTableOptions& options, const CContext& context) {
   if (!owner.Create(tags, options.m_bReplace)) {
     if (owner.LastError() == kErrorAlreadyExists) {
       throw CCommandError(kFailed,
-                          fmt::format("table '{0}' holds records already; kvl table show {0} lists "
+                          fmt::format("table '{}' holds records already; kvl table show {} lists "
                                       "its tags, --replace drops them and lays these instead",
-                                      options.m_table));
+                                      options.m_table, ShellWord(options.m_table)));
     }
     // A section that is too small stays so until it is made anew.
     const bool anew = owner.LastError() == kErrorDamaged ||
@@ -77,14 +77,15 @@ int Show(const CTableOptions& options, const CContext& context) {
   } else if (!tags.empty()) {
     PrintTags(tags, CPainter(context.m_color, CPainter::EStream::Output));
   } else if (whole) {
-    fmt::print(stderr, "table {0} holds no tags; kvl table create {0} --tags FILE lays some\n",
-               options.m_table);
+    fmt::print(stderr, "table {} holds no tags; kvl table create {} --tags FILE lays some\n",
+               options.m_table, ShellWord(options.m_table));
   }
   if (whole) return kDone;
   if (owner.LastError() != kErrorDamaged) RefuseTable(options.m_table, owner.LastError());
-  throw CCommandError(kFailed, fmt::format("table '{0}' is damaged behind its first {1} tags; kvl "
-                                           "table create {0} --replace --tags FILE lays it anew",
-                                           options.m_table, tags.size()));
+  throw CCommandError(kFailed,
+                      fmt::format("table '{}' is damaged behind its first {} tags; kvl "
+                                  "table create {} --replace --tags FILE lays it anew",
+                                  options.m_table, tags.size(), ShellWord(options.m_table)));
 }
 
 int Get(const CTableOptions& options) {

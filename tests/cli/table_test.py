@@ -98,12 +98,13 @@ class TableTest(unittest.TestCase):
     def test_refusals_say_what_to_do(self):
         self.create()
         bad = self.file("bad.tags", f"{LEVEL} float\n{LEVEL} byte\nX\nY text 0\n")
-        other = TABLE + " 2"
+        other = TABLE + " it's"
+        quoted = "'" + TABLE + " it'\\''s'"
         for arguments, exit_code, said in [
-            (["show", other], 1, f"kvl table create {other} --tags FILE"),
+            (["show", other], 1, f"kvl table create {quoted} --tags FILE"),
             (["remove", other], 1, other),
-            (["get", TABLE, "NONE"], 1, f"kvl table show {TABLE}"),
-            (["set", TABLE, "NONE", "1"], 1, f"kvl table show {TABLE}"),
+            (["get", TABLE, "NONE"], 1, f"kvl table show '{TABLE}'"),
+            (["set", TABLE, "NONE", "1"], 1, f"kvl table show '{TABLE}'"),
             (["set", TABLE, WORD, "32768"], 1, "32768"),
             (["set", TABLE, MODE, "-1"], 1, "-1"),
             (["set", TABLE, LEVEL, "nan"], 1, "nan"),
@@ -115,7 +116,7 @@ class TableTest(unittest.TestCase):
             (["create", other], 2, "--tags"),
             (["show", "\N{SNOWMAN}"], 2, "\N{SNOWMAN}"),
             (["show", ""], 2, "''"),
-            (["watch", other], 1, f"kvl table create {other} --tags FILE"),
+            (["watch", other], 1, f"kvl table create {quoted} --tags FILE"),
             (["watch", TABLE, LEVEL, "NONE"], 1, "NONE"),
             (["get", TABLE], 2, "TAG"),
             ([], 2, "subcommand"),
@@ -204,7 +205,7 @@ class TableTest(unittest.TestCase):
                                 ["watch", TABLE, "NONE"]):
                     self.assertIn(kvl.run("table", *command).returncode, (0, 1), command)
         os.truncate(section, 7)
-        self.assertIn(f"kvl table remove {TABLE}", self.table("show", TABLE, exit_code=1))
+        self.assertIn(f"kvl table remove '{TABLE}'", self.table("show", TABLE, exit_code=1))
         self.table("remove", TABLE)
         self.create()
         os.unlink(section.with_name(section.stem + "_Sync.semaphore"))
@@ -253,7 +254,7 @@ class TableTest(unittest.TestCase):
                 return live.process.stderr.read().decode(), tables
 
         said, tables = warnings(script)
-        self.assertIn(f"kvl table create {TABLE} --tags FILE", said)
+        self.assertIn(f"kvl table create '{TABLE}' --tags FILE", said)
         self.assertEqual(tables, [TABLE])  # the session made it, for its owner to lay
         self.create()
         said, tables = warnings(script)
