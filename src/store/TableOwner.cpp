@@ -35,11 +35,13 @@ bool TagOf(std::span<const uint8_t> section, const CRecord& record, CTagImage& t
 }
 
 void RemoveEvents(std::span<const uint8_t> section, EAudience audience) {
+  std::vector<std::string> names;
   WalkRecords(section, [&](const CRecord& record) {
     std::string strName;
-    if (NameOf(section, record, strName)) CNamedEvent::Remove(strName + kEventSuffix, audience);
+    if (NameOf(section, record, strName)) names.push_back(strName + kEventSuffix);
     return false;
   });
+  CNamedEvent::Remove(names, audience);
 }
 
 // Writes a record with an empty payload behind the others; returns where the next one goes.

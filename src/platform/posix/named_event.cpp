@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <unordered_set>
 
 #include "platform/last_error.h"
 #include "platform/posix/named_place.h"
@@ -253,6 +254,16 @@ bool CNamedEvent::Remove(std::string_view strName, EAudience audience) {
   const CObjectLock lock(file);
   pPage->Retire(*pBell);
   return RemoveObject(strName, EObjectKind::kEvent, audience, IdOf(file));
+}
+
+void CNamedEvent::Remove(std::span<const std::string> names, EAudience audience) {
+  const std::unordered_set<std::string> files = ObjectFileNames(audience);
+  for (const std::string& strName : names) {
+    uint32_t dwError = 0;
+    if (files.contains(ObjectFileName(strName, EObjectKind::kEvent, dwError))) {
+      Remove(strName, audience);
+    }
+  }
 }
 
 CEventTrigger::CEventTrigger(std::string_view strName, EAudience audience)

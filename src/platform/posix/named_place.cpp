@@ -1,5 +1,6 @@
 #include "platform/posix/named_place.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "platform/last_error.h"
@@ -157,6 +159,24 @@ std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t&
             : strFile.size() > kMaxFileName               ? kErrorNameTooLong
                                                           : 0;
   return dwError == 0 ? strFile : std::string();
+}
+
+std::unordered_set<std::string> ObjectFileNames(EAudience audience) {
+  std::unordered_set<std::string> files;
+  if (audience == EAudience::kThisProcess) {
+    CPrivateObjects& objects = PrivateObjects();
+    const std::lock_guard lock(objects.m_mutex);
+    for (const auto& [strFile, nFile] : objects.m_files) files.insert(strFile);
+    return files;
+  }
+  uint32_t dwError = 0;
+  CObjectFile folder = OpenFolder(PlaceOf(audience), EOpenMode::kOpenExisting, audience, dwError);
+  if (!folder) return files;
+  const std::unique_ptr<DIR, int (*)(DIR*)> pFolder(fdopendir(folder.Get()), closedir);
+  if (!pFolder) return files;
+  folder.Detach();  // closed with pFolder
+  while (const dirent* pEntry = readdir(pFolder.get())) files.insert(pEntry->d_name);
+  return files;
 }
 
 CObjectFile OpenObject(std::string_view strName, EObjectKind kind, EOpenMode mode,

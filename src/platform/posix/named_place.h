@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 
 #include "platform/named_object.h"
 
@@ -40,6 +41,9 @@ class CObjectFile {
 // is '%' and two hexadecimal digits; the kind is the part behind the dot. Empty, with a code in
 // `dwError`, for a name that is empty or too long.
 std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t& dwError);
+
+// The file names of all objects that an audience has.
+std::unordered_set<std::string> ObjectFileNames(EAudience audience);
 
 // Opens an object, which is made without contents if it may be. Refuses what another user has
 // planted. Not open, with a code in `dwError`, on failure.
