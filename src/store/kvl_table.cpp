@@ -44,7 +44,7 @@ namespace {
 // Nothing that is thrown may reach a caller in C, and no pointer of his is followed that is null.
 template <class Work, class... Pointers>
 int Guarded(Work work, const Pointers*... pointers) {
-  if (((pointers == nullptr) || ...)) return KVL_BAD_PARAMETER;
+  if ((!pointers || ...)) return KVL_BAD_PARAMETER;
   try {
     return static_cast<int>(work());
   } catch (const std::exception&) {
