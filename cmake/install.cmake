@@ -19,7 +19,8 @@ install(FILES ${PROJECT_BINARY_DIR}/kvl.pc DESTINATION ${pkgconfig_dir})
 
 install(CODE "
   set(KVL_SOURCE \"${PROJECT_SOURCE_DIR}/src\")
-  set(KVL_STAGING \"${PROJECT_BINARY_DIR}/public_headers\")
+  string(RANDOM LENGTH 12 own)  # two installations may be under way at once
+  set(KVL_STAGING \"${PROJECT_BINARY_DIR}/public_headers-\${own}\")
   set(KVL_INCLUDE_DIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}\")")
 install(SCRIPT cmake/install_headers.cmake)
 

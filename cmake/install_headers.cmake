@@ -2,11 +2,14 @@
 # they include each other from src; installed they name themselves in full, so that no name as
 # common as "script/step.h" meets a header of somebody else's.
 #
-# Needs KVL_SOURCE (src), KVL_STAGING (a folder of the build) and KVL_INCLUDE_DIR (where to).
+# Needs KVL_SOURCE (src), KVL_STAGING (a folder of its own, gone afterwards) and KVL_INCLUDE_DIR
+# (where to).
 cmake_minimum_required(VERSION 3.25)
 
 set(public_headers
   control/DecodeCtrl.h
+  control/sync_notify.h
+  platform/message_loop.h
   platform/text_encoding.h
   script/KVL.h
   store/SharedMemory.h
@@ -18,7 +21,6 @@ set(public_headers
   verifier/KVLSyntax.h
 )
 
-file(REMOVE_RECURSE "${KVL_STAGING}")
 set(waiting ${public_headers})
 set(seen "")
 while(waiting)
@@ -37,3 +39,4 @@ while(waiting)
   file(WRITE "${KVL_STAGING}/kvl/${header}" "${text}")
 endwhile()
 file(INSTALL "${KVL_STAGING}/kvl" DESTINATION "${KVL_INCLUDE_DIR}")
+file(REMOVE_RECURSE "${KVL_STAGING}")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes input.txt: a gauge whose level rises and falls, with lines lost and garbled on the way."""
+"""Writes the recording: a gauge whose level rises and falls, with lines lost and garbled on the way."""
 
 import math
 import pathlib
@@ -23,4 +23,5 @@ def log():
 
 
 if __name__ == "__main__":
-    pathlib.Path(__file__).with_name("input.txt").write_bytes(b"".join(log()))
+    tests = pathlib.Path(__file__).parent / "gauge.tests"
+    (tests / "recording.txt").write_bytes(b"".join(log()))

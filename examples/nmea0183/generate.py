@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes input.nmea: a boat sails across the equator and the prime meridian."""
+"""Writes the recording: a boat sails across the equator and the prime meridian."""
 
 import pathlib
 
@@ -50,4 +50,5 @@ def log():
 
 
 if __name__ == "__main__":
-    pathlib.Path(__file__).with_name("input.nmea").write_bytes(b"".join(log()))
+    tests = pathlib.Path(__file__).parent / "nmea0183.tests"
+    (tests / "recording.nmea").write_bytes(b"".join(log()))

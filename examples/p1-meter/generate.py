@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes input.p1: telegrams of a three-phase meter, some of them damaged on the way."""
+"""Writes the recording: telegrams of a three-phase meter, some of them damaged on the way."""
 
 import pathlib
 
@@ -61,4 +61,5 @@ def log():
 
 
 if __name__ == "__main__":
-    pathlib.Path(__file__).with_name("input.p1").write_bytes(b"".join(log()))
+    tests = pathlib.Path(__file__).parent / "p1-meter.tests"
+    (tests / "recording.p1").write_bytes(b"".join(log()))

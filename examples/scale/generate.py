@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes input.txt: what a scale answers while a load is put on it, tared, lifted and dropped."""
+"""Writes the recording: what a scale answers while a load is put on it, tared, lifted, dropped."""
 
 import pathlib
 
@@ -25,4 +25,5 @@ def log():
 
 
 if __name__ == "__main__":
-    pathlib.Path(__file__).with_name("input.txt").write_bytes(b"".join(log()))
+    tests = pathlib.Path(__file__).parent / "scale.tests"
+    (tests / "recording.txt").write_bytes(b"".join(log()))

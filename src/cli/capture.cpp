@@ -13,7 +13,10 @@ CCaptureFile::CCaptureFile(const std::string& path) : m_pFile(std::fopen(path.c_
   if (m_pFile == nullptr) {
     throw CCommandError(kUsage, fmt::format("'{}' can't be written", path));
   }
-  m_bWhole = std::fprintf(m_pFile, "%s\n", kCaptureHead) > 0;
+  if (std::fprintf(m_pFile, "%s\n", kCaptureHead) < 0 || std::fflush(m_pFile) != 0) {
+    std::fclose(m_pFile);
+    throw CCommandError(kUsage, fmt::format("'{}' can't be written", path));
+  }
 }
 
 CCaptureFile::~CCaptureFile() {
@@ -44,6 +47,10 @@ bool SkipCaptureHead(std::istream& stream) {
 bool ReadCaptureRecord(std::istream& stream, CCaptureRecord& record) {
   std::string line;
   if (!std::getline(stream, line)) return false;
+  if (stream.eof()) {
+    fmt::print(stderr, "kvl: the last line of the capture was cut short and is left out\n");
+    return false;
+  }
   const char* const end = line.data() + line.size();
   const auto [behind, error] = std::from_chars(line.data(), end, record.m_nMicroseconds);
   record.m_bytes.clear();

@@ -42,7 +42,8 @@ struct CCaptureRecord {
 // Whether the stream stands at the beginning of a capture; if so, moves behind its first line.
 bool SkipCaptureHead(std::istream& stream);
 
-// The next record, or false at the end. Throws CCommandError for a line that is no record.
+// The next record, or false at the end. A last line without its line end, as a power failure leaves
+// it, is left out with a word on standard error. Throws CCommandError for a line that is no record.
 bool ReadCaptureRecord(std::istream& stream, CCaptureRecord& record);
 
 }  // namespace kvl::cli

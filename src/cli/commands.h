@@ -32,6 +32,12 @@ struct CContext {
   std::function<int()> m_work;   // set by the subcommand that the user chose
 };
 
+// For options whose empty value would mean nothing.
+inline CLI::Validator NotEmpty() {
+  return {[](const std::string& text) -> std::string { return text.empty() ? "is empty" : ""; },
+          ""};
+}
+
 // Everything of the command line: the options of `kvl` itself and all subcommands.
 void SetUpApp(CLI::App& app, CContext& context);
 

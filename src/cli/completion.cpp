@@ -1,7 +1,7 @@
 // Completion scripts: tables made from the command line, and what each shell makes of them. The
 // name of a place says what to offer there: SCRIPT, FILE, INPUT, PATH and DIR are files,
-// NAME=DEVICE is one of `kvl ports`, TAG a tag of the table in front of it; other names are the
-// user's to fill.
+// NAME=DEVICE is one of `kvl ports`, TABLE one of `kvl table list`, TAG a tag of the table in front
+// of it; other names are the user's to fill.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -54,6 +54,7 @@ _kvl_offer() {
     SCRIPT) compgen -f -X '!*.kvl' -- "$2"; compgen -d -- "$2" ;;
     FILE|INPUT|PATH|DIR) compgen -f -- "$2" ;;
     NAME=DEVICE) _kvl_field name kvl ports | sed 's/$/=/' | _kvl_only "$2" ;;
+    TABLE) _kvl_field table kvl table list | _kvl_only "$2" ;;
     TAG) _kvl_field tag kvl table show "$3" | _kvl_only "$2" ;;
     [A-Z]*) ;;
     *) compgen -W "$1" -- "$2" ;;
@@ -137,8 +138,10 @@ void AddBashRows(const CCommandFacts& command, const CCommandFacts& program, std
 
 constexpr char kZsh[] = R"ZSH(
 __kvl_scripts() { _files -g '*.kvl(-.)' }
+# Field $1 of every object that the command behind it prints.
+__kvl_field() { "${@[2,-1]}" --json 2>/dev/null | sed -n 's/.*"'$1'":"\([^"]*\)".*/\1/p' }
 __kvl_port_fields() {
-  local -a fields=(${(f)"$(kvl ports --json 2>/dev/null | sed -n 's/.*"'$1'":"\([^"]*\)".*/\1/p')"})
+  local -a fields=(${(f)"$(__kvl_field $1 kvl ports)"})
   compadd "${@[2,-1]}" -a fields
 }
 __kvl_ports() {
@@ -149,10 +152,13 @@ __kvl_ports() {
     __kvl_port_fields name -S =
   fi
 }
+__kvl_tables() {
+  local -a tables=(${(f)"$(__kvl_field table kvl table list)"})
+  compadd -a tables
+}
 __kvl_tags() {
   local table=${${(@)words[2,-1]:#-*}[1]}
-  local -a tags=(${(f)"$(kvl table show "$table" --json 2>/dev/null |
-                         sed -n 's/^{"tag":"\([^"]*\)".*/\1/p')"})
+  local -a tags=(${(f)"$(__kvl_field tag kvl table show "$table")"})
   compadd -a tags
 }
 )ZSH";
@@ -170,6 +176,7 @@ std::string ZshText(std::string_view text) {
 std::string ZshAction(const std::string& kind) {
   if (kind == "SCRIPT") return "__kvl_scripts";
   if (kind == "NAME=DEVICE") return "__kvl_ports";
+  if (kind == "TABLE") return "__kvl_tables";
   if (kind == "TAG") return "__kvl_tags";
   const bool isFile = kind == "FILE" || kind == "INPUT" || kind == "PATH" || kind == "DIR";
   return isFile ? "_files" : " ";

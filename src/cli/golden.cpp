@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <map>
+#include <sstream>
 
 #include "cli/tags.h"
 #include "platform/text_encoding.h"
@@ -17,6 +19,9 @@ namespace fs = std::filesystem;
 
 // An endless loop in a script must fail its test, not hang it.
 constexpr int64_t kMaxTestSteps = 10'000'000;
+
+// What --events chooses from. That a pass reached its limit is always told.
+const std::vector<std::string> kEvents = {"out", "print", "put", "sync", "sleep", "end"};
 
 fs::path TestsOf(const fs::path& script) {
   return fs::path(script).replace_extension(".tests");
@@ -55,14 +60,15 @@ void AddCases(const fs::path& script, std::vector<CGoldenCase>& cases) {
   }
 }
 
-// Options as on a command line; a line that begins with # is a comment.
-std::string OptionsIn(const fs::path& path) {
-  std::string text;
+// Options as on a command line, in their order; a text in double quotes is one word, be it empty. A
+// line that begins with # is a comment.
+void AddOptions(const fs::path& path, std::vector<std::string>& words) {
   std::ifstream file(path, std::ios::binary);
   for (const std::string& line : LinesOf(file)) {
-    if (!line.starts_with('#')) text += line + ' ';
+    if (line.starts_with('#')) continue;
+    std::istringstream rest(line);
+    for (std::string word; rest >> std::quoted(word);) words.push_back(word);
   }
-  return text;
 }
 
 // A value as the JSON that a person would write for it.
@@ -167,14 +173,22 @@ std::vector<std::string> ReplayGoldenCase(const CGoldenCase& golden, const CCont
   options.m_batches.m_input = golden.m_input.string();
   options.m_tags = golden.m_tags.string();
   options.m_nMaxSteps = kMaxTestSteps;
+  std::vector<std::string> events;
   std::vector<std::string> values;
   CLI::App line;
   line.set_help_flag();
   AddReplayOptions(line, options);
-  line.add_option("--values", values)->delimiter(',')->expected(1)->take_all();
-  const fs::path own = fs::path(golden.m_stem) += ".options";
+  const auto addList = [&line](const char* name, std::vector<std::string>& list) {
+    return line.add_option(name, list)->delimiter(',')->expected(1)->take_all();
+  };
+  addList("--events", events)->check(CLI::IsMember(kEvents));
+  addList("--values", values);
+  std::vector<std::string> words;
+  AddOptions(golden.m_stem.parent_path() / "options", words);
+  AddOptions(fs::path(golden.m_stem) += ".options", words);
+  std::ranges::reverse(words);  // as the parser takes them
   try {
-    line.parse(OptionsIn(golden.m_stem.parent_path() / "options") + OptionsIn(own));
+    line.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
     throw CCommandError(kFailed, fmt::format("in the case's options: {}", error.what()));
   }
@@ -184,11 +198,10 @@ std::vector<std::string> ReplayGoldenCase(const CGoldenCase& golden, const CCont
   std::vector<std::string> lines;
   const auto report = MakeJsonReport([&](const CJson& event) {
     const std::string& kind = event["event"].get_ref<const std::string&>();
-    if (values.empty() || kind == "limit") {
-      lines.push_back(JsonLine(event));
-    } else if (kind == "end") {
-      for (const std::string& name : values) lines.push_back(ValueLine(event, name));
-    }
+    const bool isChosen = events.empty() ? values.empty() : std::ranges::count(events, kind) > 0;
+    if (isChosen || kind == "limit") lines.push_back(JsonLine(event));
+    if (kind != "end") return;
+    for (const std::string& name : values) lines.push_back(ValueLine(event, name));
   });
   if (Replay(options, context, *report) != kDone)
     throw CCommandError(kFailed, "the script has faults");

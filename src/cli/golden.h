@@ -31,8 +31,9 @@ struct CGoldenCase {
 // of their names. Throws CCommandError for a path that is not there, or a case with two captures.
 std::vector<CGoldenCase> FindGoldenCases(const std::vector<std::string>& paths);
 
-// Replays a case. Returns the lines that come out: replay's events as JSON or, where the options
-// say --values, the chosen values at the end. Throws CCommandError.
+// Replays a case. Returns the lines that come out: replay's events as JSON. Where the options say
+// --events, those kinds alone; where they say --values, the chosen values at the end, and events
+// only with --events. Throws CCommandError.
 std::vector<std::string> ReplayGoldenCase(const CGoldenCase& golden, const CContext& context);
 
 // The lines of a text, without their ends; none if the stream can't be read.

@@ -54,6 +54,7 @@ int Replay(const CReplayOptions& options, const CContext& context, CReplayReport
     owner.NextPass();
     result = engine.Begin(batch.data(), static_cast<int32_t>(batch.size()));
     if (engine.LimitReached()) report.Limit(owner.Pass());
+    if (options.m_batches.m_bRealTime) std::fflush(stdout);  // whoever looks on sees it at its time
   });
   std::vector<CTagImage> tags;
   table.Owner().List(tags);
@@ -72,11 +73,6 @@ CLI::Validator WholeNumber(uint64_t most) {
     return fmt::format("must be a whole number from 1 to {}", most);
   };
   return {check, ""};
-}
-
-CLI::Validator NotEmpty() {
-  return {[](const std::string& text) -> std::string { return text.empty() ? "is empty" : ""; },
-          ""};
 }
 
 }  // namespace

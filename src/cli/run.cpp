@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <optional>
 #include <random>
 
@@ -76,7 +77,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
                           "MEDIA RS232C or OPEN MEDIA TCP");
     }
     Warn(AdviseOnTable(GetTableName(), script));
-    if (!m_options.m_capture.empty()) m_capture.emplace(m_options.m_capture);
+    OpenCapture();
     const CInterruptWatch interrupts([this] { m_loop.Quit(); });
     m_nStart = GetTickCount();
     if (CDecodeCtrl::Run() != 0) LineFailed(fmt::format("{} can't be opened", DeviceText()));
@@ -89,6 +90,17 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   }
 
  private:
+  void OpenCapture() {
+    if (m_options.m_capture.empty()) return;
+    std::error_code none;
+    if (std::filesystem::equivalent(m_options.m_capture, m_options.m_script, none)) {
+      throw CCommandError(kUsage,
+                          fmt::format("'{}' is the script: the capture needs a file of its own",
+                                      m_options.m_capture));
+    }
+    m_capture.emplace(m_options.m_capture);
+  }
+
   int ReportFaults() const {
     if (GetSyntax() == nullptr) throw CCommandError(kFailed, "there is no memory for the script");
     PrintFaults(m_options.m_script, *GetSyntax(), LanguageOf(""), m_errors);
@@ -299,7 +311,8 @@ void AddRunCommand(CLI::App& app, CContext& context) {
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   command->add_flag("--trace", options->m_bTrace, "Print every byte received and sent");
   command->add_option("--capture", options->m_capture, "Record what is received, with its times")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(NotEmpty());
   command->add_flag("--reconnect,!--no-reconnect", options->m_bReconnect,
                     "Open a lost line again (the default)");
   command->add_flag("--json", options->m_bJson, "Print JSON, one object a line");

@@ -8,6 +8,7 @@
 #include "cli/table_watch.h"
 #include "cli/tags.h"
 #include "platform/last_error.h"
+#include "platform/text_encoding.h"
 
 namespace kvl::cli {
 namespace {
@@ -88,6 +89,21 @@ int Show(const CTableOptions& options, const CContext& context) {
                                   options.m_table, tags.size(), ShellWord(options.m_table)));
 }
 
+int List(const CTableOptions& options) {
+  const std::vector<std::string> tables = CTableOwner::Tables();
+  for (const std::string& table : tables) {
+    if (options.m_bJson) {
+      PrintJson({{"table", Utf8FromCp949(table)}});
+    } else {
+      fmt::print("{}\n", Printable(table));
+    }
+  }
+  if (tables.empty()) {
+    fmt::print(stderr, "there are no tables; kvl table create NAME --tags FILE lays one\n");
+  }
+  return kDone;
+}
+
 int Get(const CTableOptions& options) {
   CTableOwner owner = Open(options);
   CTagImage tag;
@@ -132,11 +148,10 @@ int Remove(const CTableOptions& options) {
 
 using COptions = std::shared_ptr<CTableOptions>;
 
-// Adds `kvl table NAME TABLE`, which runs `work`.
+// Adds `kvl table NAME`, which runs `work`.
 CLI::App* AddTableCommand(CLI::App* table, const COptions& options, CContext& context,
                           const char* name, const char* help, std::function<int()> work) {
   CLI::App* command = table->add_subcommand(name, help);
-  command->add_option("TABLE", options->m_table, "The table's name")->required();
   command->add_flag("--json", options->m_bJson, "Print JSON, one object a line");
   command->callback([work = std::move(work), &context] { context.m_work = work; });
   return command;
@@ -149,8 +164,12 @@ void AddTableCommands(CLI::App& app, CContext& context) {
   CLI::App* table = app.add_subcommand("table", "Lay, show, change, follow and drop live values");
   table->require_subcommand(1);
   const auto add = [&](const char* name, const char* help, std::function<int()> work) {
-    return AddTableCommand(table, options, context, name, help, std::move(work));
+    CLI::App* command = AddTableCommand(table, options, context, name, help, std::move(work));
+    command->add_option("TABLE", options->m_table, "The table's name")->required();
+    return command;
   };
+  AddTableCommand(table, options, context, "list", "Name the tables that are there",
+                  [options] { return List(*options); });
   CLI::App* create = add("create", "Lay a table of the tags of a file",
                          [options, &context] { return Create(*options, context); });
   create->add_option("--tags", options->m_file, "The tag file: lines of NAME TYPE [SIZE]")

@@ -167,8 +167,9 @@ void AddTestCommand(CLI::App& app, CContext& context) {
       "  CASE.tags       the tag file; without it gauge.tags beside the script\n"
       "  CASE.ANYTHING   the capture\n"
       "What comes out are the events of kvl replay --json. With --values NAME,NAME in its options "
-      "a case shows the values of those tags, or variables, at the end instead. A pass ends after "
-      "10,000,000 instructions unless --max-steps says otherwise.");
+      "a case shows the values of those tags, or variables, at the end instead; with --events "
+      "put,out events of those kinds, ahead of the values. A pass ends after 10,000,000 "
+      "instructions unless --max-steps says otherwise.");
   command->add_option("PATH", options->m_paths, "Scripts, or folders to search for scripts")
       ->type_name("");
   command->add_flag("--update", options->m_bUpdate, "Accept what comes out as what is expected");

@@ -20,7 +20,6 @@ constexpr int32_t kMaxBusyPasses = 64;
 constexpr int32_t kMaxReadsPerTurn = 128;  // so that a flood does not keep the script from running
 constexpr int32_t kRetryMs = 50;           // before trying again what had no memory or no room
 constexpr int32_t kSockErrNoBuffers = 10055;
-constexpr std::chrono::microseconds kSoon{50};
 
 int32_t ErrorOf(LPARAM lParam) {
   return static_cast<int32_t>(lParam >> 16 & 0xFFFF);
@@ -224,11 +223,16 @@ LRESULT CDecodeCtrl::OnReceiveSocket(WPARAM hSocket, LPARAM /*lParam*/) {
   uint8_t bytes[kReadSize];
   int32_t count;
   while ((count = socket->Receive(bytes, kReadSize, 0)) > 0) {
-    m_session.OnReceived({bytes, static_cast<size_t>(count)});
-    m_queue.PutBatch(bytes, count, CQueue::Zeros::kDrop);
+    Queue({bytes, static_cast<size_t>(count)});
     m_session.Wake();
   }
   return 0;
+}
+
+void CDecodeCtrl::Queue(std::span<const uint8_t> bytes) {
+  const std::lock_guard lock(m_csQueue);
+  m_session.OnReceived(bytes);
+  m_queue.PutBatch(bytes.data(), static_cast<int32_t>(bytes.size()), CQueue::Zeros::kDrop);
 }
 
 LRESULT CDecodeCtrl::OnCloseSocket(WPARAM hSocket, LPARAM lParam) {
@@ -284,8 +288,7 @@ void CDecodeCtrl::WorkerThread(const std::string& script) noexcept {
   SetThreadPriority(kPriorityBelowNormal);
   m_pKVL->_CompileMainScript1(m_pKVL->LoadScript(script.c_str()));
   m_nBusyPasses = 0;
-  m_nBusyPassesNext = 1;
-  m_bNextComesSoon = false;
+  m_nBusyPassesNext = 0;
   while (m_session.m_bRun != 0) {
     const auto turn = [this] {
       Turn();
@@ -316,8 +319,7 @@ void CDecodeCtrl::DrainPort() {
       if (port->GetLastError() == kErrorDeviceLost) LosePort(port);
       return;
     }
-    m_session.OnReceived({bytes, static_cast<size_t>(count)});
-    m_queue.PutBatch(bytes, count, CQueue::Zeros::kDrop);
+    Queue({bytes, static_cast<size_t>(count)});
     if (count < kReadSize) return;  // that was all; what comes now is the next turn's
   }
 }
@@ -327,13 +329,15 @@ void CDecodeCtrl::RunPass() {
   const int32_t size = m_queue.GetBatch(batch, m_queue.GetSize());
   batch[size] = 0;
   m_nBusyPasses = 0;
-  m_nBusyPassesNext = 1;
+  m_nBusyPassesNext = 0;
   m_pKVL->Begin(batch, size);
 }
 
 // A pass over an empty batch that did nothing would do nothing again, so the worker waits for
 // bytes. A script that does something on empty batches keeps its pace; it is asked ever more
-// rarely, since asking costs a copy of its variables.
+// rarely, since asking costs a copy of its variables. In nearly every script the first pass behind
+// a batch does something, if only to find no bytes. On a socket the time slice is kept for one
+// more, or the peer's next bytes would be on their way through the control's thread by then.
 void CDecodeCtrl::RunEmptyPass() {
   if (m_nBusyPasses > 0) {
     --m_nBusyPasses;
@@ -343,7 +347,8 @@ void CDecodeCtrl::RunEmptyPass() {
     return;
   } else {
     m_nBusyPasses = m_nBusyPassesNext;
-    m_nBusyPassesNext = std::min(m_nBusyPassesNext * 2, kMaxBusyPasses);
+    m_nBusyPassesNext = std::clamp(m_nBusyPassesNext * 2, 1, kMaxBusyPasses);
+    if (m_nBusyPasses == 0 && m_nInterface == kMediaTcp) return;
   }
   Sleep(0);
 }
@@ -353,22 +358,18 @@ void CDecodeCtrl::WaitForBytes() {
     if (port->WaitForBytes(m_session.m_wakeup, -1) == SerialWait::kLost) LosePort(port);
     return;
   }
-  const auto start = std::chrono::steady_clock::now();
-  if (m_bNextComesSoon && LookForBytes()) return;
-  if (m_queue.GetSize() == 0) m_session.m_wakeup.Wait(m_bLossUntold ? kRetryMs : -1);
-  m_bNextComesSoon = std::chrono::steady_clock::now() - start < kSoon;
+  if (m_queue.GetSize() > 0) return;
+  const std::shared_ptr<CClientSock> socket = m_socket.Get();
+  if (socket != nullptr && ReceiveHere(*socket)) return;
+  m_session.m_wakeup.Wait(m_bLossUntold ? kRetryMs : -1);
 }
 
-// Where a peer answers within microseconds, to be woken by the control's thread takes longer than
-// the rest of the road. Looking for a moment ahead of the sleep spares that; a peer that has once
-// taken longer is not looked for again.
-bool CDecodeCtrl::LookForBytes() const {
-  const auto end = std::chrono::steady_clock::now() + kSoon;
-  while (m_queue.GetSize() == 0 && m_session.m_bRun != 0) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    Sleep(0);
-  }
-  return true;
+// An idle worker takes the bytes off the line itself: to be woken by the control's thread would
+// take longer than all the rest of the road.
+bool CDecodeCtrl::ReceiveHere(CClientSock& socket) {
+  uint8_t bytes[kReadSize];
+  return socket.ReceiveHere(m_session.m_wakeup, bytes,
+                            [this](std::span<const uint8_t> piece) { Queue(piece); });
 }
 
 // A port that is gone is let go of at once: the system may want to give its name to the device

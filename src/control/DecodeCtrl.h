@@ -108,6 +108,7 @@ class KVL_API CDecodeCtrl : public CStatic {
   std::string Peer() const;
   void OpenSocket();
   void CloseSocket();
+  void Queue(std::span<const uint8_t> bytes);
   bool StartWorker();
   void StopWorker();
   void Tell(ESessionStatus status, std::string_view text) noexcept;
@@ -119,13 +120,14 @@ class KVL_API CDecodeCtrl : public CStatic {
   void RunPass();
   void RunEmptyPass();
   void WaitForBytes();
-  bool LookForBytes() const;
+  bool ReceiveHere(CClientSock& socket);
   void LosePort(const std::shared_ptr<CRS232Ctrl>& port);
   void TellLoss();
 
   std::thread m_thread;
   CSession m_session;
   CQueue m_queue;
+  std::mutex m_csQueue;  // for who puts; contended only if a host sends receive events of its own
   std::string m_strScriptName;
   COMM m_comm;
   bool m_bVerified = false;
@@ -146,9 +148,8 @@ class KVL_API CDecodeCtrl : public CStatic {
 
   // The worker's own.
   bool m_bLossUntold = false;
-  bool m_bNextComesSoon = false;  // the last wait for bytes of a socket was a short one
   int32_t m_nBusyPasses = 0;  // empty passes to run before it is worth asking for idleness again
-  int32_t m_nBusyPassesNext = 1;
+  int32_t m_nBusyPassesNext = 0;
 };
 
 }  // namespace kvl

@@ -20,9 +20,10 @@ enum class ESessionStatus {
 };
 
 // Threads: OnStatus on the control's thread. OnReceived on the thread that takes the bytes from
-//          the line: the worker's on a serial line, the control's on a socket. The others on the
-//          worker. No operation of the control may be called from OnReceived, OnSent, OnPrint and
-//          OnPut. OnStatus may call them all, but may not destroy the control.
+//          the line, never on two at once: the worker's, or the control's on a socket while the
+//          worker is busy. The others on the worker. No operation of the control may be called from
+//          OnReceived, OnSent, OnPrint and OnPut. OnStatus may call them all, but may not destroy
+//          the control.
 // Owner:   the host's; it outlives the session.
 // Errors:  an observer does not throw. If one does, OnStatus counts as returned; the others end
 //          the pass that is under way.

@@ -5,7 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/api.h"
 #include "platform/named_object.h"
@@ -35,9 +37,17 @@ class KVL_API CNamedSection {
   // would end the process. Costs a system call.
   bool IsWhole() const;
 
+  // False once the name means another section, or none.
+  // Needs: the same lock as for opening.
+  bool HasName(std::string_view strName, EAudience audience) const;
+
   // Takes the name away from the section. The next opener makes a new one. True if it was there.
   // Needs: the same lock as for opening.
   static bool Remove(std::string_view strName, EAudience audience);
+
+  // The names of the sections that are there, in the order of their bytes; none if they can't be
+  // told.
+  static std::vector<std::string> Names(EAudience audience);
 
  private:
   int m_nObject = -1;

@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "platform/api.h"
+#include "platform/wakeup.h"
 
 namespace kvl {
 
@@ -42,9 +45,10 @@ inline constexpr int32_t kSockErrTimedOut = 10060;
 inline constexpr int32_t kSockErrRefused = 10061;
 
 // Threads: everything on the thread that calls Create, whose loop brings the notifications, but
-//          for Send, WaitWritable, Interrupt, GetHandle and GetLastError, which any thread may
-//          call, also while Close runs: the last two threads to meet find the socket closed. The
-//          object itself must outlive those calls. Once closed it may be destroyed by any thread.
+//          for Send, WaitWritable, ReceiveHere, Interrupt, GetHandle and GetLastError, which any
+//          thread may call, also while Close runs: the last two threads to meet find the socket
+//          closed. The object itself must outlive those calls. Once closed it may be destroyed by
+//          any thread.
 // Owner:   the object closes its socket in its destructor. A notification may close and destroy
 //          the object that it runs on, if it touches nothing of it afterwards.
 // Errors:  operations give 0, false or -1, and the code with GetLastError.
@@ -94,6 +98,14 @@ class KVL_API CAsyncSocket {
   // Sends what the system takes at once: the number of bytes, which may be below `nSize`, or -1,
   // with kSockErrWouldBlock when it takes none; OnSend then tells of new room. `nFlags` is 0.
   virtual int32_t Send(const void* pBuffer, int32_t nSize, int32_t nFlags = 0);
+
+  // Waits for bytes in the place of the loop, which spares them the way through its thread, and
+  // hands them to `take` in pieces that `buffer` holds. Meanwhile there is no OnReceive, and
+  // Receive finds nothing. Returns when it has handed some out, or when `wakeup` is set. False at
+  // once if the loop is not waiting for bytes just now, and when the connection ends, which OnClose
+  // tells: who gets it does best to wait for the loop.
+  using FTakeBytes = std::function<void(std::span<const uint8_t>)>;
+  bool ReceiveHere(CWakeup& wakeup, std::span<uint8_t> buffer, const FTakeBytes& take);
 
   // Ends the handle and the connection. No notification comes afterwards.
   virtual void Close();

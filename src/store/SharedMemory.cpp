@@ -93,6 +93,14 @@ bool CSharedMemory::OpenSection(uint32_t dwSize, EOpenMode mode) {
   return true;
 }
 
+// Whether the section is still the table's. Who takes its name away counts the change, or dies
+// doing so, and that counts as well.
+bool CSharedMemory::HasSection() const {
+  if (!m_pSection) return false;
+  return m_pSemaphore->ChangeCount() == m_nShapeChanges ||
+         m_pSection->HasName(m_strName, m_audience);
+}
+
 // Takes the semaphore. When the table was removed since the last time, goes over to the one that
 // has taken its place.
 bool CSharedMemory::Lock() {
@@ -101,7 +109,7 @@ bool CSharedMemory::Lock() {
     SetError(m_pSemaphore->Error());
     return false;
   }
-  if (taken == ETaken::kYes && m_pSection) {
+  if (taken == ETaken::kYes && HasSection()) {
     FollowShape();
     return true;
   }

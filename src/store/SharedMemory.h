@@ -103,6 +103,7 @@ class KVL_API CSharedMemory {
   void Open(std::string_view strName, uint32_t dwSize, const InitCallback& callback,
             EOpenMode mode);
   bool OpenSection(uint32_t dwSize, EOpenMode mode);
+  bool HasSection() const;
   bool Lock();
   void Unlock();
   bool FindRecord(CTag& tag, CRecord& record);

@@ -53,6 +53,11 @@ class KVL_API CTableOwner {
   // open is told at his next access. 0, or kErrorNotFound, or why it can't be dropped.
   static uint32_t Remove(std::string_view strTable, EAudience audience = EAudience::kOwner);
 
+  // The names of the tables that are there, in the order of their bytes.
+  static std::vector<std::string> Tables(EAudience audience = EAudience::kOwner) {
+    return CNamedSection::Names(audience);
+  }
+
  private:
   bool LockOrMake();
   bool Lay(const CTagSet& tags, bool bReplace);

@@ -41,15 +41,19 @@ struct kvl_table {
 
 namespace {
 
-// Nothing that is thrown may reach a caller in C, and no pointer of his is followed that is null.
-template <class Work, class... Pointers>
-int Guarded(Work work, const Pointers*... pointers) {
-  if ((!pointers || ...)) return KVL_BAD_PARAMETER;
+// Nothing that is thrown may reach a caller in C.
+template <class Work>
+int Guarded(Work work) {
   try {
     return static_cast<int>(work());
   } catch (const std::exception&) {
     return KVL_NO_MEMORY;
   }
+}
+
+template <class... Pointers>
+bool AnyNull(Pointers... pointers) {
+  return (... || (pointers == nullptr));
 }
 
 bool NameFromUtf8(const char* szText, std::string& strName) {
@@ -116,16 +120,15 @@ const char* kvl_error_text(int code) {
 }
 
 int kvl_table_open(const char* name, kvl_table** table) {
-  return Guarded(
-      [&]() -> uint32_t {
-        std::string strName;
-        if (!NameFromUtf8(name, strName)) return KVL_BAD_NAME;
-        auto pTable = std::make_unique<kvl_table>(strName);
-        if (!pTable->m_store.IsOpen()) return pTable->m_store.LastError();
-        *table = pTable.release();
-        return KVL_OK;
-      },
-      name, table);
+  if (AnyNull(name, table)) return KVL_BAD_PARAMETER;
+  return Guarded([&]() -> uint32_t {
+    std::string strName;
+    if (!NameFromUtf8(name, strName)) return KVL_BAD_NAME;
+    auto pTable = std::make_unique<kvl_table>(strName);
+    if (!pTable->m_store.IsOpen()) return pTable->m_store.LastError();
+    *table = pTable.release();
+    return KVL_OK;
+  });
 }
 
 void kvl_table_close(kvl_table* table) {
@@ -133,25 +136,24 @@ void kvl_table_close(kvl_table* table) {
 }
 
 int kvl_table_tag(kvl_table* table, const char* name, kvl_tag** tag) {
-  return Guarded(
-      [&]() -> uint32_t {
-        std::string strName;
-        if (!NameFromUtf8(name, strName)) return KVL_BAD_NAME;
-        std::list<kvl_tag> fresh;
-        {
-          const std::lock_guard lock(table->m_mutex);
-          auto pTag = table->m_store.BindTag(strName);
-          if (!pTag) return table->m_store.LastError();
-          fresh.push_back({table, name, std::move(pTag), nullptr});
-        }
-        const uint32_t dwCode = WithTag(fresh.front(), [](const CValueAccess&) { return KVL_OK; });
-        if (dwCode != KVL_OK) return dwCode;
-        *tag = &fresh.front();
-        const std::lock_guard lock(table->m_mutex);
-        table->m_tags.splice(table->m_tags.end(), fresh);
-        return KVL_OK;
-      },
-      table, name, tag);
+  if (AnyNull(table, name, tag)) return KVL_BAD_PARAMETER;
+  return Guarded([&]() -> uint32_t {
+    std::string strName;
+    if (!NameFromUtf8(name, strName)) return KVL_BAD_NAME;
+    std::list<kvl_tag> fresh;
+    {
+      const std::lock_guard lock(table->m_mutex);
+      auto pTag = table->m_store.BindTag(strName);
+      if (!pTag) return table->m_store.LastError();
+      fresh.push_back({table, name, std::move(pTag), nullptr});
+    }
+    const uint32_t dwCode = WithTag(fresh.front(), [](const CValueAccess&) { return KVL_OK; });
+    if (dwCode != KVL_OK) return dwCode;
+    *tag = &fresh.front();
+    const std::lock_guard lock(table->m_mutex);
+    table->m_tags.splice(table->m_tags.end(), fresh);
+    return KVL_OK;
+  });
 }
 
 void kvl_tag_close(kvl_tag* tag) {
@@ -166,72 +168,67 @@ const char* kvl_tag_name(const kvl_tag* tag) {
 }
 
 int kvl_tag_info(kvl_tag* tag, int* type, size_t* size) {
-  return Guarded(
-      [&] {
-        return WithTag(*tag, [&](const CValueAccess& value) {
-          *type = value.Type();
-          *size = value.PayloadSize();
-          return KVL_OK;
-        });
-      },
-      tag, type, size);
+  if (AnyNull(tag, type, size)) return KVL_BAD_PARAMETER;
+  return Guarded([&] {
+    return WithTag(*tag, [&](const CValueAccess& value) {
+      *type = value.Type();
+      *size = value.PayloadSize();
+      return KVL_OK;
+    });
+  });
 }
 
 int kvl_tag_read(kvl_tag* tag, void* bytes, size_t room, size_t* size) {
-  return Guarded(
-      [&] {
-        return WithTag(*tag, [&](const CValueAccess& value) {
-          *size = value.PayloadSize();
-          if (room < *size) return KVL_SMALL_BUFFER;
-          std::copy(value.Payload().begin(), value.Payload().end(), static_cast<uint8_t*>(bytes));
-          return KVL_OK;
-        });
-      },
-      tag, bytes, size);
+  if (AnyNull(tag, bytes, size)) return KVL_BAD_PARAMETER;
+  return Guarded([&] {
+    return WithTag(*tag, [&](const CValueAccess& value) {
+      *size = value.PayloadSize();
+      if (room < *size) return KVL_SMALL_BUFFER;
+      std::copy(value.Payload().begin(), value.Payload().end(), static_cast<uint8_t*>(bytes));
+      return KVL_OK;
+    });
+  });
 }
 
 int kvl_tag_read_number(kvl_tag* tag, double* number) {
-  return Guarded(
-      [&] {
-        return WithTag(*tag, [&](const CValueAccess& value) {
-          if (value.Type() == kvl::kTagText) return KVL_WRONG_TYPE;
-          const kvl::CTagValue number32 = kvl::TagValueOf(value.Type(), value.Payload());
-          if (const auto* pInteger = std::get_if<int32_t>(&number32)) {
-            *number = *pInteger;
-          } else if (const auto* pFloat = std::get_if<float>(&number32)) {
-            *number = *pFloat;
-          } else {
-            return KVL_WRONG_TYPE;
-          }
-          return KVL_OK;
-        });
-      },
-      tag, number);
+  if (AnyNull(tag, number)) return KVL_BAD_PARAMETER;
+  return Guarded([&] {
+    return WithTag(*tag, [&](const CValueAccess& value) {
+      if (value.Type() == kvl::kTagText) return KVL_WRONG_TYPE;
+      const kvl::CTagValue number32 = kvl::TagValueOf(value.Type(), value.Payload());
+      if (const auto* pInteger = std::get_if<int32_t>(&number32)) {
+        *number = *pInteger;
+      } else if (const auto* pFloat = std::get_if<float>(&number32)) {
+        *number = *pFloat;
+      } else {
+        return KVL_WRONG_TYPE;
+      }
+      return KVL_OK;
+    });
+  });
 }
 
 int kvl_tag_read_text(kvl_tag* tag, char* text, size_t room) {
-  return Guarded(
-      [&]() -> uint32_t {
-        uint8_t type = 0;
-        std::vector<uint8_t> payload;
-        const uint32_t dwCode = ReadCopy(*tag, type, payload);
-        if (dwCode != KVL_OK) return dwCode;
-        const kvl::CTagValue value = kvl::TagValueOf(type, payload);
-        const auto* pText = std::get_if<std::string>(&value);
-        if (pText == nullptr) return KVL_WRONG_TYPE;
-        if (pText->size() >= room) return KVL_SMALL_BUFFER;
-        std::copy_n(pText->c_str(), pText->size() + 1, text);
-        return KVL_OK;
-      },
-      tag, text);
+  if (AnyNull(tag, text)) return KVL_BAD_PARAMETER;
+  return Guarded([&]() -> uint32_t {
+    uint8_t type = 0;
+    std::vector<uint8_t> payload;
+    const uint32_t dwCode = ReadCopy(*tag, type, payload);
+    if (dwCode != KVL_OK) return dwCode;
+    const kvl::CTagValue value = kvl::TagValueOf(type, payload);
+    const auto* pText = std::get_if<std::string>(&value);
+    if (pText == nullptr) return KVL_WRONG_TYPE;
+    if (pText->size() >= room) return KVL_SMALL_BUFFER;
+    std::copy_n(pText->c_str(), pText->size() + 1, text);
+    return KVL_OK;
+  });
 }
 
 int kvl_tag_wait(kvl_tag* tag, int timeout_ms) {
-  return Guarded(
-      [&] {
-        return Wait(*tag, timeout_ms < 0 ? kvl::kForever : std::chrono::milliseconds(timeout_ms));
-      },
-      tag);
+  if (AnyNull(tag)) return KVL_BAD_PARAMETER;
+  return Guarded([&] {
+    return Wait(*tag, timeout_ms < 0 ? kvl::kForever : std::chrono::milliseconds(timeout_ms));
+  });
 }
 
 }  // extern "C"

@@ -13,8 +13,8 @@
  *            kvl_table_close and kvl_tag_close: no other call may be going on then, or come after.
  * Errors:    functions that return int return KVL_OK or one of the codes below; they then leave
  *            their results as they were, unless told otherwise.
- * Pointers:  one that is null gives KVL_BAD_PARAMETER unless told otherwise. Texts are UTF-8, ended
- *            by a zero byte.
+ * Pointers:  a null pointer is refused with KVL_BAD_PARAMETER, and closing one does nothing. Texts
+ * are UTF-8, ended by a zero byte.
  */
 #pragma once
 
@@ -69,7 +69,7 @@ KVL_API int kvl_table_tag(kvl_table* table, const char* name, kvl_tag** tag);
 /* Closes one tag before its table is. Null is let pass. */
 KVL_API void kvl_tag_close(kvl_tag* tag);
 
-/* The name under which the tag was looked up; valid as long as the tag. Empty for null. */
+/* The name under which the tag was looked up; valid as long as the tag. */
 KVL_API const char* kvl_tag_name(const kvl_tag* tag);
 
 /* The tag's type, one of KVL_TYPE_ or a number unknown here, and the size of its value in bytes. */

@@ -1,12 +1,15 @@
-"""`scripts/demo`: what it shows, and that it leaves nothing behind. BUILD names the build tree."""
+"""`scripts/demo` and the picture of it: what they show, and that the demo leaves nothing behind. BUILD
+names the build tree."""
 
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import tempfile
 import time
 import unittest
+import xml.etree.ElementTree
 
 import kvl
 
@@ -55,6 +58,19 @@ class DemoTest(unittest.TestCase):
                 demo.communicate(timeout=kvl.PATIENCE)
                 self.assertEqual(demo.returncode, 0)
                 self.expect_nothing_left(demo, folder)
+
+    def test_is_drawn_as_it_looks_on_a_terminal(self):
+        with tempfile.TemporaryDirectory() as folder:
+            made = pathlib.Path(folder) / "picture.svg"
+            subprocess.run([kvl.ROOT / "scripts/picture", BUILD, made], check=True,
+                           env={**os.environ, "KVL_DEMO_SECONDS": "3"}, timeout=kvl.PATIENCE)
+            kept = kvl.ROOT / "docs/live-table.svg"
+            tags = re.findall(r"^(\w+) ", (kvl.ROOT / "examples/gauge/gauge.tags").read_text(), re.M)
+            for picture in (made, kept):
+                texts = [element.text for element in xml.etree.ElementTree.parse(picture).iter()]
+                rows = [text for text in texts if text in tags]
+                self.assertEqual(rows, tags)  # each once: the table was drawn over itself
+                self.assertGreater(sum(text is not None and text.endswith("/s") for text in texts), 3)
 
 
 if __name__ == "__main__":

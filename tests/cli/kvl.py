@@ -106,6 +106,7 @@ def describe(event):
 class Script:
     """A script that says in its comments what replay must show.
 
+    ;tag NAME TYPE     a tag of the runs' table, as a tag file has it
     ;run ARGUMENTS     a run; a text in quotes is one batch, \\r, \\n and \\xHH being bytes
     ;> EVENT           the events of that run, all of them, in their order
     ;= NAME VALUE      what a variable, or a field of the `end` event, holds then; for a variable
@@ -115,13 +116,16 @@ class Script:
     def __init__(self, name, text):
         self.name = name
         self.text = text
+        self.tags = []
         self.runs = []  # (where, arguments, events, values)
         for number, line in enumerate(text.splitlines(), 1):
-            found = re.match(r"\s*;(run|>|=)(?: (.*))?$", line)
+            found = re.match(r"\s*;(tag|run|>|=)(?: (.*))?$", line)
             if not found:
                 continue
             word, rest = found[1], found[2] or ""
-            if word == "run":
+            if word == "tag":
+                self.tags.append(rest + "\n")
+            elif word == "run":
                 self.runs.append((f"{name}:{number}", self.arguments(rest), [], []))
             elif not self.runs:
                 raise AssertionError(f"{name}:{number}: no ;run above")
@@ -147,8 +151,13 @@ class Script:
         with tempfile.TemporaryDirectory() as folder:
             path = pathlib.Path(folder) / "script.kvl"
             path.write_bytes(self.text.encode("latin-1"))
+            table = []
+            if self.tags:
+                tags = path.with_suffix(".tags")
+                tags.write_text("".join(self.tags))
+                table = ["--tags", tags]
             for where, arguments, events, values in self.runs:
-                *seen, end = replay(path, *arguments)
+                *seen, end = replay(path, *table, *arguments)
                 seen = [describe(event) for event in seen]
                 if seen != events:
                     yield f"{where}:\n expected {events}\n but saw  {seen}"

@@ -99,6 +99,12 @@ class ReplayTest(unittest.TestCase):
                 with self.subTest(size=len(content), cut=cut):
                     kvl.replay(script, self.file("capture", content), *cut)
 
+    def test_capture_cut_by_a_power_failure_is_of_use(self):
+        script = self.file("count.kvl", COUNT)
+        whole = self.file("whole", b"kvl capture 1\n0 61\n")
+        cut = self.file("cut", b"kvl capture 1\n0 61\n1000 6262")
+        self.assertEqual(kvl.replay(script, cut), kvl.replay(script, whole))
+
     def test_exit_codes(self):
         script = self.file("count.kvl", COUNT)
         capture = self.file("capture", b"ab")

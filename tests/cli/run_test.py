@@ -212,6 +212,9 @@ class RunTest(unittest.TestCase):
             (2, "--port", "COM7", script),
             (2, "--port", "=x", script),
             (2, "--capture", nowhere, script),
+            (2, "--capture", script, script),
+            (2, "--capture", "/dev/full", script),
+            (2, "--capture", "", script),
             (1, lineless),
         ):
             process = kvl.run("run", *arguments, timeout=PATIENCE)

@@ -64,6 +64,9 @@ class TableTest(unittest.TestCase):
 
     def test_a_table_from_its_creation_to_its_removal(self):
         self.assertIn("5 tags", self.create())
+        self.assertIn(TABLE, self.table("list").splitlines())
+        listed = [json.loads(line) for line in self.table("list", "--json").splitlines()]
+        self.assertIn({"table": TABLE}, listed)
         self.assertIn("--replace", self.table("create", TABLE, "--tags", self.tags, exit_code=1))
         for tag, given, shown, value, data in [
             (LEVEL, "-1.5", "-1.5", -1.5, "0000c0bf"),
@@ -91,6 +94,7 @@ class TableTest(unittest.TestCase):
         self.create("--replace")
         self.assertEqual(self.get(LEVEL)["value"], 0)
         self.assertEqual(self.table("remove", TABLE), "")
+        self.assertNotIn(TABLE, self.table("list").splitlines())
         if OBJECTS.exists():
             left = [name for name in os.listdir(OBJECTS) if str(os.getpid()) in name]
             self.assertEqual(left, [])

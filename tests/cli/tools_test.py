@@ -105,6 +105,7 @@ END:
         self.file("put.tests/common.options", "--values LEVEL,NAME")
         self.file("put.tests/own.options", "--values LEVEL")
         self.file("put.tests/own.tags", "LEVEL int32")
+        self.file("put.tests/events.options", '--batch "" --batch 61 --events end,put --values NAME')
         self.exit(0, "test", "--update", self.folder)
         for case, expected in [
             ("common", '{"tag":"LEVEL","value":1.1}\n{"tag":"NAME","value":"pump"}\n'),
@@ -112,6 +113,9 @@ END:
         ]:
             seen = (self.folder / "put.tests" / f"{case}.expected").read_text()
             self.assertEqual(seen, expected)
+        events = (self.folder / "put.tests/events.expected").read_text().splitlines()
+        kinds = [json.loads(line).get("event", "value") for line in events]
+        self.assertEqual(kinds, ["put", "put"] * 2 + ["end", "value"])  # an empty batch is a pass
 
     def test_golden_cases_that_can_not_run(self):
         self.exit(1, "test", self.folder)  # no tests at all
@@ -122,6 +126,7 @@ END:
             ("", b'"event":"limit"'),
             ("--frobnicate", b"in the case's options"),
             ("--values NOBODY", b"NOBODY"),
+            ("--events NOISE", b"in the case's options"),
         ]:
             self.file("loop.tests/options", options + " --no-check")
             self.assertIn(message, self.exit(1, "test", self.folder).stdout)

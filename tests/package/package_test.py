@@ -4,40 +4,25 @@ import os
 import pathlib
 import re
 import shutil
-import subprocess
-import tempfile
 import unittest
 
-BUILD = pathlib.Path(os.environ["KVL_BUILD"])
+import installed
+from installed import BUILD, output
+
 CONSUMER = pathlib.Path(__file__).resolve().parent / "consumer"
 HOST_OUTPUT = "sync 7\n3 가\n"
-
-
-def output(*command, **options):
-    process = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE,
-                             stderr=subprocess.STDOUT, text=True, **options)
-    if process.returncode != 0:
-        raise AssertionError(f"{command}: exit {process.returncode}\n{process.stdout}")
-    return process.stdout
 
 
 class PackageTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.temporary = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(cls.temporary.cleanup)
-        cls.folder = pathlib.Path(cls.temporary.name)
-        first = cls.folder / "first"
-        output(os.environ["CMAKE"], "--install", BUILD, "--prefix", first)
-        cls.prefix = cls.folder / "moved"  # an installed tree may be moved
-        first.rename(cls.prefix)
+        installed.install(cls)
 
     def library(self):
-        return next(self.prefix.glob("lib*/**/libkvl.so"))
+        return installed.library(self.prefix)
 
     def pkg_config(self, *arguments):
-        path = str(self.library().parent / "pkgconfig")
-        return output("pkg-config", *arguments, "kvl", env={**os.environ, "PKG_CONFIG_PATH": path})
+        return output("pkg-config", *arguments, "kvl", env=installed.environment(self.prefix))
 
     def test_every_part_tells_one_version(self):
         version = re.fullmatch(r"kvl (\d+\.\d+\.\d+)\n", output(self.prefix / "bin/kvl", "--version"))
@@ -78,8 +63,7 @@ class PackageTest(unittest.TestCase):
         program = self.folder / "reader"
         flags = self.pkg_config("--cflags", "--libs").split()
         output(os.environ.get("CC", "cc"), CONSUMER / "reader.c", "-o", program, *flags)
-        environment = {**os.environ, "LD_LIBRARY_PATH": str(self.library().parent)}
-        self.assertEqual(output(program, env=environment), "no table\n")
+        self.assertEqual(output(program, env=installed.environment(self.prefix)), "no table\n")
 
     @unittest.skipUnless(shutil.which("dpkg-shlibdeps"), "needs dpkg-dev")
     def test_debian_package_installs_and_removes_cleanly(self):

@@ -59,6 +59,7 @@ class ReferenceTest(unittest.TestCase):
             kvl.write_text("""#!/bin/sh
 case "$*" in
   "ports --json") echo '{"name":"COM7","device":"/dev/ttyUSB0","alias":"","description":""}' ;;
+  "table list --json") echo '{"table":"GAUGES"}'; echo '{"table":"line 1"}' ;;
   "table show T --json") echo '{"tag":"LEVEL","type":3}'; echo '{"tag":"$(touch bad)","type":3}' ;;
 esac
 """)
@@ -77,6 +78,7 @@ esac
                 (["run", "--port", ""], ["COM7="]),
                 (["run", "--port", "COM7", "=", "/dev/ttyU"], ["/dev/ttyUSB0"]),
                 (["ports", ""], []),
+                (["table", "show", ""], ["GAUGES", "line 1"]),
                 (["table", "get", "T", "L"], ["LEVEL"]),
                 (["table", "get", "T", "$"], ["$(touch bad)"]),  # offered, never run
             ]:

@@ -3,6 +3,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <fstream>
 #include <thread>
 
 #include "platform/last_error.h"
@@ -112,6 +114,27 @@ TEST(NamedSection, OutlivesItsOpenersAndKeepsItsSize) {
   EXPECT_TRUE(CNamedSection::Remove(strName, kPrivate));
   EXPECT_EQ(7, again.View()[99]) << "whoever has it open keeps it";
   EXPECT_FALSE(CNamedSection(strName, 100, kCreate, kPrivate).Existed());
+}
+
+TEST(NamedSection, IsNamedAmongThoseThatAreThere) {
+  const auto count = [](const std::string& strName) {
+    const std::vector<std::string> names = CNamedSection::Names(kOwner);
+    return std::count(names.begin(), names.end(), strName);
+  };
+  const std::string strName = UniqueName("../a%b \xC7\xD1.section");
+  const std::string strStray = Folder(std::to_string(geteuid())) + UniqueName("a%zz.section");
+  {
+    const CNamedSection section(strName, 16, kCreate, kOwner);
+    const CNamedSemaphore other(strName + "2", kCreate, kOwner);
+    std::ofstream(strStray).put('x');
+    EXPECT_EQ(1, count(strName));
+    EXPECT_EQ(0, count(strName + "2"));
+    EXPECT_EQ(0, count(""));
+    CNamedSemaphore(strName + "2", kCreate, kOwner).Remove();
+  }
+  unlink(strStray.c_str());
+  CNamedSection::Remove(strName, kOwner);
+  EXPECT_EQ(0, count(strName));
 }
 
 TEST(NamedSection, IsNotMadeWithoutRoomForIt) {

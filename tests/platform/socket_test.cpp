@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctime>
 #include <memory>
 #include <thread>
 
@@ -62,6 +63,92 @@ TEST_F(CAsyncSocketTest, ReceiveTurnsTheNotificationOnAgain) {
   EXPECT_EQ(client.Receive(bytes, 3), 1);
   EXPECT_EQ(client.Receive(bytes, 3), -1);
   EXPECT_EQ(CAsyncSocket::GetLastError(), kSockErrWouldBlock);
+}
+
+// Another thread that takes the bytes in the place of the loop, as long as it gets them.
+class CTaker {
+ public:
+  explicit CTaker(CAsyncSocket& socket)
+      : m_thread([this, &socket] {
+          uint8_t buffer[4];
+          while (!m_bEnd && socket.ReceiveHere(m_wakeup, buffer, [this](auto bytes) {
+            for (const uint8_t byte : bytes) m_nSum += byte;
+          })) {
+          }
+          m_bEnded = true;
+        }) {}
+  ~CTaker() { Stop(); }
+  void Stop() {
+    m_bEnd = true;
+    m_wakeup.Set();
+    if (m_thread.joinable()) m_thread.join();
+  }
+
+  CWakeup m_wakeup;
+  std::atomic<bool> m_bEnd{false};
+  std::atomic<bool> m_bEnded{false};
+  std::atomic<int> m_nSum{0};
+  std::thread m_thread;
+};
+
+TEST_F(CAsyncSocketTest, AnotherThreadMayReceiveInTheLoopsPlace) {
+  ConnectPair();
+  {
+    CTaker taker(client);
+    server.Send("\1", 1);
+    ASSERT_TRUE(WaitFor([&] { return taker.m_nSum == 1; })) << "without the loop's help";
+    ASSERT_EQ(server.Send("\1\1\1\1\1\1", 6), 6);
+    EXPECT_TRUE(WaitFor([&] { return taker.m_nSum == 7; }));
+  }
+  EXPECT_EQ(client.nReceiveEvents, 0);
+  server.Send("x", 1);
+  EXPECT_TRUE(RunLoopUntil([&] { return client.received == "x"; })) << "the loop has it back";
+}
+
+TEST_F(CAsyncSocketTest, EndOfALentConnectionIsTheLoopsToTell) {
+  for (const bool reset : {false, true}) {
+    SCOPED_TRACE(reset);
+    ConnectPair();
+    server.onReceive = [] {};
+    if (reset) client.Send("unread", 6);
+    ASSERT_TRUE(RunLoopUntil([&] { return server.nReceiveEvents == (reset ? 1 : 0); }));
+    CTaker taker(client);
+    server.Close();  // with bytes unread the system resets the connection
+    EXPECT_TRUE(RunLoopUntil([&] { return !client.closes.empty() && taker.m_bEnded; }));
+    EXPECT_EQ(client.closes, std::vector<int32_t>{reset ? kSockErrReset : 0});
+    client.Close();
+    client.closes.clear();
+    client.connects.clear();
+  }
+  ConnectPair();
+  CTaker taker(client);
+  client.Close();
+  EXPECT_TRUE(WaitFor([&] { return taker.m_bEnded.load(); })) << "freed by Close";
+  EXPECT_TRUE(RunLoopUntil([&] { return !server.closes.empty(); })) << "nobody holds the line open";
+}
+
+TEST_F(CAsyncSocketTest, EndThatNobodyTakesCostsNothing) {
+  for (const bool reads : {false, true}) {
+    SCOPED_TRACE(reads);
+    ConnectPair();
+    client.onReceive = nullptr;
+    if (!reads) client.onReceive = [] {};
+    server.onReceive = [] {};
+    client.Send("unread", 6);
+    server.Send("x", 1);
+    ASSERT_TRUE(
+        RunLoopUntil([&] { return server.nReceiveEvents > 0 && client.nReceiveEvents > 0; }));
+    server.Close();  // with bytes unread the system resets the connection
+    if (reads) {
+      ASSERT_TRUE(RunLoopUntil([&] { return !client.closes.empty(); }));
+    }
+    const std::clock_t before = std::clock();
+    CMessageLoop::Current().RunUntil([] { return false; }, 300);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
+    client.Close();
+    client.connects.clear();
+    server.nReceiveEvents = client.nReceiveEvents = 0;
+  }
 }
 
 TEST_F(CAsyncSocketTest, FloodLeavesRoomForOtherEvents) {

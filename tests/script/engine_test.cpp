@@ -84,8 +84,8 @@ TEST(EngineTest, RowsDoWhatTheirStepsDo) {
       "JP MID\nL:\nINC I\nMID:\nCMP I, 10\nJPL L\nMOVE W, BUF[I]\nCMP W, SUM\nJPG E\nINC X\nE:",
       "IN BUF, N\nMOVE W, BUF[I]\nCMP C, W\nJPNE END\nINC X",
       "IN BUF, N\nL:\nMOVE C, BUF[I]\nXOR X, C\nINC I\nCMP I, N\nJPL L",
-      "IN BUF, N\nL:\nCOPY PART, BUF[I], 8\nFIND PART, \"h\", W\nCMP W, 0\nJPL END\n"
-      "COPY PART[W], PART, 0\nADD I, W\nINC I\nINC X\nCMP I, N\nJPL L",
+      ("IN BUF, N\nL:\nCOPY PART, BUF[I], 8\nFIND PART, \"h\", W\nCMP W, 0\nJPL END\n"
+       "COPY PART[W], PART, 0\nADD I, W\nINC I\nINC X\nCMP I, N\nJPL L"),
       "IN BUF, N\nCOPY PART, BUF[I], N\nFIND PART, <80>, W\nINC X",
       "IN BUF, N\nCOPY BUF, BUF[1], 4\nFIND BUF, \"d\", W",
       "IN BUF, N\nCOPY PART, BUF[1], 9\nFIND BUF, \"h\", W",

@@ -193,8 +193,9 @@ class CExampleTest : public CReaderTest {
 };
 
 TEST_F(CExampleTest, InCFollowsATag) {
-  EXPECT_EQ(m_strFloat + " 1.5\n" + m_strFloat + " 2.5\n",
-            Follow(TABLE_READER_C " " + m_table.Name() + " " + m_strFloat + " 2 10000"));
+  EXPECT_EQ(
+      m_strFloat + " 1.5\n" + m_strFloat + " 2.5\n",
+      Follow(TABLE_READER_C " --count 2 --timeout 10000 " + m_table.Name() + " " + m_strFloat));
 }
 
 TEST_F(CExampleTest, InPythonFollowsATag) {

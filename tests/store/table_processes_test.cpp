@@ -8,6 +8,7 @@
 #include <random>
 
 #include "platform/named_event.h"
+#include "platform/named_section.h"
 #include "platform/named_semaphore.h"
 #include "store/SharedMemory.h"
 #include "store/child.h"
@@ -210,6 +211,30 @@ TEST_F(CTableProcesses, ASectionCutShortIsRefusedWhereItIsSearched) {
   ASSERT_EQ(0, truncate(strFile.c_str(), 300));
   EXPECT_FALSE(owner.List(tags));
   EXPECT_EQ(kErrorDamaged, owner.LastError());
+}
+
+// The same for a remover of another make, which takes the section's name first.
+TEST_F(CTableProcesses, ARemoverThatDiesHalfWaySplitsNoTable) {
+  CSession session(m_table.Name(), m_names);
+  ASSERT_TRUE(session.Put(0, SelfChecking(1)));
+  CChild remover([&] {
+    CSession dying(m_table.Name(), m_names);
+    const CSemaphoreHold outer(dying.m_lock);
+    const CValueAccess inner(dying.m_store, *dying.m_tags[0]);
+    CNamedSection::Remove(m_table.Name(), EAudience::kOwner);
+    raise(SIGKILL);
+    return 0;
+  });
+  EXPECT_EQ(-1, remover.Join());
+  EXPECT_FALSE(session.Put(0, SelfChecking(2))) << "there is no table";
+  CTagSet tags;
+  ASSERT_EQ(nullptr, tags.Add(m_names[0], kTagText, kTextSize));
+  CTableOwner owner(m_table.Name());
+  ASSERT_TRUE(owner.Create(tags, false));
+  EXPECT_TRUE(session.Put(0, SelfChecking(3)));
+  CTagImage tag;
+  ASSERT_TRUE(owner.Get(m_names[0], tag));
+  EXPECT_EQ(SelfChecking(3), std::string(tag.m_payload.begin(), tag.m_payload.end()));
 }
 
 // Sessions run on while the table is removed and laid anew: they lose the tags, find them again,

@@ -13,7 +13,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <unordered_set>
+#include <vector>
 
 #include "platform/last_error.h"
 #include "platform/posix/named_place.h"
@@ -257,12 +257,9 @@ bool CNamedEvent::Remove(std::string_view strName, EAudience audience) {
 }
 
 void CNamedEvent::Remove(std::span<const std::string> names, EAudience audience) {
-  const std::unordered_set<std::string> files = ObjectFileNames(audience);
+  const std::vector<std::string> there = ObjectNames(EObjectKind::kEvent, audience);
   for (const std::string& strName : names) {
-    uint32_t dwError = 0;
-    if (files.contains(ObjectFileName(strName, EObjectKind::kEvent, dwError))) {
-      Remove(strName, audience);
-    }
+    if (std::ranges::binary_search(there, strName)) Remove(strName, audience);
   }
 }
 

@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -86,12 +88,6 @@ CObjectFile OpenOrCreateIn(const CObjectFile& folder, const char* szFile, mode_t
   return {};
 }
 
-ObjectId IdOf(int nFile) {
-  struct stat status;
-  if (fstat(nFile, &status) != 0) return {};
-  return {status.st_dev, status.st_ino};
-}
-
 // The objects of kThisProcess by file name. Never destroyed, since threads may outlive `main`.
 struct CPrivateObjects {
   std::mutex m_mutex;
@@ -131,6 +127,12 @@ bool RemovePrivate(const std::string& strFile, const ObjectId& id) {
 
 }  // namespace
 
+ObjectId IdOf(int nFile) {
+  struct stat status;
+  if (fstat(nFile, &status) != 0) return {};
+  return {status.st_dev, status.st_ino};
+}
+
 CObjectFile::~CObjectFile() {
   if (m_nFile >= 0) close(m_nFile);
 }
@@ -161,22 +163,46 @@ std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t&
   return dwError == 0 ? strFile : std::string();
 }
 
-std::unordered_set<std::string> ObjectFileNames(EAudience audience) {
-  std::unordered_set<std::string> files;
+// The name behind an object's file name; empty if no object of that kind has such a file.
+std::string NameOfFile(std::string_view strFile, EObjectKind kind) {
+  std::string strName;
+  for (size_t i = 0; i < strFile.size() && strFile[i] != '.'; ++i) {
+    char c = strFile[i];
+    if (c == '%') {
+      unsigned value = 0;
+      const std::string_view digits = strFile.substr(i + 1, 2);
+      std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
+      c = static_cast<char>(value);
+      i += 2;
+    }
+    strName += c;
+  }
+  uint32_t dwError = 0;
+  return ObjectFileName(strName, kind, dwError) == strFile ? strName : std::string();
+}
+
+std::vector<std::string> ObjectNames(EObjectKind kind, EAudience audience) {
+  std::vector<std::string> names;
+  const auto Add = [&](std::string_view strFile) {
+    std::string strName = NameOfFile(strFile, kind);
+    if (!strName.empty()) names.push_back(std::move(strName));
+  };
   if (audience == EAudience::kThisProcess) {
     CPrivateObjects& objects = PrivateObjects();
     const std::lock_guard lock(objects.m_mutex);
-    for (const auto& [strFile, nFile] : objects.m_files) files.insert(strFile);
-    return files;
+    for (const auto& [strFile, nFile] : objects.m_files) Add(strFile);
+    std::ranges::sort(names);
+    return names;
   }
   uint32_t dwError = 0;
   CObjectFile folder = OpenFolder(PlaceOf(audience), EOpenMode::kOpenExisting, audience, dwError);
-  if (!folder) return files;
-  const std::unique_ptr<DIR, int (*)(DIR*)> pFolder(fdopendir(folder.Get()), closedir);
-  if (!pFolder) return files;
-  folder.Detach();  // closed with pFolder
-  while (const dirent* pEntry = readdir(pFolder.get())) files.insert(pEntry->d_name);
-  return files;
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(folder ? fdopendir(folder.Get()) : nullptr,
+                                                    closedir);
+  if (!entries) return names;
+  folder.Detach();
+  while (const dirent* entry = readdir(entries.get())) Add(entry->d_name);
+  std::ranges::sort(names);
+  return names;
 }
 
 CObjectFile OpenObject(std::string_view strName, EObjectKind kind, EOpenMode mode,
@@ -200,10 +226,6 @@ CObjectFile OpenObject(std::string_view strName, EObjectKind kind, EOpenMode mod
   if (S_ISREG(status.st_mode) && BelongsTo(status, audience)) return file;
   dwError = kErrorAccessDenied;
   return {};
-}
-
-ObjectId IdOf(const CObjectFile& file) {
-  return IdOf(file.Get());
 }
 
 bool RemoveObject(std::string_view strName, EObjectKind kind, EAudience audience,

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_set>
+#include <vector>
 
 #include "platform/named_object.h"
 
@@ -42,8 +42,8 @@ class CObjectFile {
 // `dwError`, for a name that is empty or too long.
 std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t& dwError);
 
-// The file names of all objects that an audience has.
-std::unordered_set<std::string> ObjectFileNames(EAudience audience);
+// The names of the objects of that kind, in the order of their bytes.
+std::vector<std::string> ObjectNames(EObjectKind kind, EAudience audience);
 
 // Opens an object, which is made without contents if it may be. Refuses what another user has
 // planted. Not open, with a code in `dwError`, on failure.
@@ -56,7 +56,10 @@ struct ObjectId {
   uint64_t m_nNumber = 0;
   bool operator==(const ObjectId&) const = default;
 };
-ObjectId IdOf(const CObjectFile& file);
+ObjectId IdOf(int nFile);
+inline ObjectId IdOf(const CObjectFile& file) {
+  return IdOf(file.Get());
+}
 
 // Takes the name away if it is that object's. True if it was.
 // Needs: whoever removes this object holds a lock that belongs to the object itself, so that

@@ -40,11 +40,22 @@ bool CNamedSection::IsWhole() const {
   return IsOpen() && ObjectSize(m_nObject) >= static_cast<int64_t>(m_nSize);
 }
 
+bool CNamedSection::HasName(std::string_view strName, EAudience audience) const {
+  uint32_t dwError = 0;
+  const CObjectFile named =
+      OpenObject(strName, EObjectKind::kSection, EOpenMode::kOpenExisting, audience, dwError);
+  return named && IsOpen() && IdOf(named) == IdOf(m_nObject);
+}
+
 bool CNamedSection::Remove(std::string_view strName, EAudience audience) {
   uint32_t dwError = 0;
   const CObjectFile file =
       OpenObject(strName, EObjectKind::kSection, EOpenMode::kOpenExisting, audience, dwError);
   return file && RemoveObject(strName, EObjectKind::kSection, audience, IdOf(file));
+}
+
+std::vector<std::string> CNamedSection::Names(EAudience audience) {
+  return ObjectNames(EObjectKind::kSection, audience);
 }
 
 }  // namespace kvl

@@ -1,9 +1,9 @@
 #include "platform/socket.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -27,6 +27,7 @@ constexpr int32_t kSockErrFlags = 10045;
 constexpr int32_t kSockErrFamily = 10047;
 constexpr int32_t kSockErrNoBuffers = 10055;
 constexpr uint32_t kMaxPort = 65535;
+constexpr int kMaxPieces = 4;  // that one ReceiveHere takes
 
 thread_local int32_t t_nLastError = 0;
 
@@ -83,6 +84,10 @@ bool IsConnectedToItself(const asio::ip::tcp::socket& socket) {
   return !ec && local == remote;
 }
 
+int32_t LastErrorCode() {
+  return SocketErrorCode({errno, asio::error::get_system_category()});
+}
+
 }  // namespace
 
 // Wraps a handler so that it does nothing once the socket has been closed, keeps the Impl alive
@@ -119,7 +124,6 @@ void CAsyncSocket::Impl::Begin(std::shared_ptr<CLoopCore> pNewLoop, int32_t nNew
   nEvents = nNewEvents;
   state = State::kIdle;
   bBound = false;
-  bReadWaiting = false;
   bCloseTold = false;
   bInReceive = false;
   {
@@ -127,7 +131,6 @@ void CAsyncSocket::Impl::Begin(std::shared_ptr<CLoopCore> pNewLoop, int32_t nNew
     ++nRound;
     pLoop = std::move(pNewLoop);
     bInterrupted = false;
-    bWriteWaiting = false;
     nLost = 0;
   }
   pLoop->Attach(this);
@@ -145,11 +148,15 @@ void CAsyncSocket::Impl::End() {
   pLoop->Detach(this);
 }
 
-// The lock keeps a Send of another thread from using the descriptor once it is free.
+// Another thread may be waiting on the line still: it closes it then, and the shutdown wakes it.
 void CAsyncSocket::Impl::DropSocket() {
   {
     const std::lock_guard guard(lock);
-    fd = -1;
+    watch.reset();
+    if (pLine.use_count() > 1) shutdown(pLine->Get(), SHUT_RDWR);
+    pLine.reset();
+    bReadWanted = false;
+    bWriteWanted = false;
   }
   wakeup.Set();
   socket.reset();
@@ -252,46 +259,87 @@ void CAsyncSocket::Impl::Finish(int32_t nCode) {
     Notify(kFdConnect, &CAsyncSocket::OnConnect, nCode);
     return;
   }
-  Establish();
+  const int32_t shortage = Establish(std::move(*socket));
+  if (shortage != 0) return Finish(shortage);
   if (!Notify(kFdConnect, &CAsyncSocket::OnConnect, 0)) return;
   if (!Notify(kFdWrite, &CAsyncSocket::OnSend, 0)) return;
   WaitRead();
 }
 
-void CAsyncSocket::Impl::Establish() {
-  std::error_code ignored;  // Receive finds a socket that can't be switched out by its results
-  socket->non_blocking(true, ignored);
-  SetLineOptions(socket->native_handle());
+// The connection leaves Asio's hands, which would wake the loop for every byte.
+int32_t CAsyncSocket::Impl::Establish(Tcp::socket&& connected) {
+  std::error_code ec;
+  auto line = std::make_shared<CDescriptor>(connected.release(ec));
+  if (ec) return SocketErrorCode(ec);
+  socket.reset();
+  SetLineOptions(line->Get());
+  try {
+    const std::lock_guard guard(lock);
+    watch.emplace(pLoop->Io(), line->Get());
+    pLine = std::move(line);
+  } catch (const std::system_error& shortage) {
+    return SocketErrorCode(shortage.code());
+  }
   state = State::kConnected;
-  const std::lock_guard guard(lock);
-  fd = socket->native_handle();
+  WaitForLine();
+  return 0;
 }
 
-void CAsyncSocket::Impl::Adopt(Tcp::socket&& accepted) {
-  socket.emplace(std::move(accepted));
-  Establish();
+int32_t CAsyncSocket::Impl::Adopt(Tcp::socket&& accepted) {
+  const int32_t shortage = Establish(std::move(accepted));
+  if (shortage != 0) return shortage;
   // Later, so that who accepts hears of the connection first.
   asio::post(pLoop->Io(), Handler([this] {
                if (Notify(kFdWrite, &CAsyncSocket::OnSend, 0)) WaitRead();
              }));
+  return 0;
+}
+
+void CAsyncSocket::Impl::WaitForLine() {
+  watch->Wait(Handler([this](const std::error_code& ec) {
+    if (!ec) LineReady();
+  }));
+}
+
+void CAsyncSocket::Impl::LineReady() {
+  bool readable = false;
+  bool writable = false;
+  {
+    const std::lock_guard guard(lock);
+    const uint32_t events = watch->Take();
+    const bool ended = (events & (EPOLLHUP | EPOLLERR)) != 0;
+    readable = bReadWanted && !bReadLent && (ended || (events & EPOLLIN) != 0);
+    writable = bWriteWanted && (ended || (events & EPOLLOUT) != 0);
+    bReadWanted = bReadWanted && !readable;
+    bWriteWanted = bWriteWanted && !writable;
+    // Even a watch for nothing tells the end of a connection, and would tell it without end.
+    if ((bReadWanted && !bReadLent) || bWriteWanted) Watch();
+  }
+  WaitForLine();
+  if (writable && !Notify(kFdWrite, &CAsyncSocket::OnSend, 0)) return;
+  if (readable) Readable();
+}
+
+// Needs: the lock.
+void CAsyncSocket::Impl::Watch() {
+  const uint32_t read = bReadWanted && !bReadLent ? EPOLLIN : 0U;
+  const uint32_t write = bWriteWanted ? EPOLLOUT : 0U;
+  watch->Want(read | write);
 }
 
 void CAsyncSocket::Impl::WaitRead() {
-  if (bReadWaiting || bCloseTold || !socket) return;
-  bReadWaiting = true;
-  socket->async_wait(Tcp::socket::wait_read,
-                     Handler([this](const std::error_code& ec) { Readable(ec); }));
+  const std::lock_guard guard(lock);
+  if (bReadWanted || bCloseTold || !pLine) return;
+  bReadWanted = true;
+  Watch();
 }
 
-void CAsyncSocket::Impl::Readable(const std::error_code& ec) {
-  bReadWaiting = false;
-  if (ec) return RaiseClose(SocketErrorCode(ec));
+void CAsyncSocket::Impl::Readable() {
   uint8_t probe = 0;
-  std::error_code failure;
-  socket->receive(asio::buffer(&probe, 1), Tcp::socket::message_peek, failure);
-  if (failure == asio::error::would_block) return WaitRead();
-  if (failure == asio::error::eof) return RaiseClose(0);
-  if (failure) return RaiseClose(SocketErrorCode(failure));
+  const int32_t count = ReadLine(&probe, 1, MSG_PEEK);
+  const int32_t code = count < 0 ? t_nLastError : 0;
+  if (code == kSockErrWouldBlock) return WaitRead();
+  if (count <= 0) return RaiseClose(code);
 
   bInReceive = true;
   nReceiveBudget = kMaxBytesPerReceive;
@@ -312,28 +360,78 @@ void CAsyncSocket::Impl::RaiseClose(int32_t nCode) {
   Notify(kFdClose, &CAsyncSocket::OnClose, nCode);
 }
 
-int32_t CAsyncSocket::Impl::Receive(void* pBuffer, int32_t nSize, std::error_code& ec) {
-  if (bInReceive && nReceiveBudget <= 0) {
-    ec = asio::error::would_block;
-    return -1;
-  }
-  const size_t count = socket->receive(asio::buffer(pBuffer, static_cast<size_t>(nSize)), 0, ec);
+int32_t CAsyncSocket::Impl::Receive(void* pBuffer, int32_t nSize) {
+  if (bInReceive && nReceiveBudget <= 0) return Fail(kSockErrWouldBlock, -1);
+  const int32_t count = ReadLine(pBuffer, nSize, 0);
   --nReceiveBudget;
   if (bInReceive) {
-    nReceiveBudget -= static_cast<int32_t>(count);
+    nReceiveBudget -= std::max(count, 0);
   } else {
     WaitRead();
   }
-  if (!ec) return static_cast<int32_t>(count);
-  if (ec == asio::error::eof) {
-    ec.clear();
-    return 0;
+  return count;
+}
+
+int32_t CAsyncSocket::Impl::ReadLine(void* pBuffer, int32_t nSize, int32_t nFlags) {
+  const std::lock_guard guard(lock);
+  if (!pLine) return Fail(kSockErrNotConnected, -1);
+  if (bReadLent) return Fail(kSockErrWouldBlock, -1);
+  return Take(pLine->Get(), pBuffer, nSize, nFlags);
+}
+
+// What has arrived: its size, 0 at the connection's end, or -1. Needs: the lock.
+int32_t CAsyncSocket::Impl::Take(int fd, void* pBuffer, int32_t nSize, int32_t nFlags) {
+  const ssize_t count = recv(fd, pBuffer, static_cast<size_t>(nSize), nFlags | MSG_DONTWAIT);
+  if (count >= 0) return static_cast<int32_t>(count);
+  const int32_t code = LastErrorCode();
+  if (code != kSockErrWouldBlock) Lose(code);
+  return Fail(code, -1);
+}
+
+// The reading of a connection, taken over from its loop if that waits for bytes at this moment.
+class CAsyncSocket::Impl::CLoan {
+ public:
+  explicit CLoan(Impl& impl) : m_impl(impl) {
+    const std::lock_guard guard(m_impl.lock);
+    if (!m_impl.pLine || !m_impl.bReadWanted || m_impl.bReadLent) return;
+    m_pLine = m_impl.pLine;
+    m_impl.bReadLent = true;
+    m_impl.Watch();
   }
-  if (ec != asio::error::would_block) {
-    const std::lock_guard guard(lock);
-    Lose(SocketErrorCode(ec));
+  ~CLoan() {
+    if (!m_pLine) return;
+    const std::lock_guard guard(m_impl.lock);
+    m_impl.bReadLent = false;
+    if (m_impl.pLine) m_impl.Watch();
   }
-  return -1;
+  CLoan(const CLoan&) = delete;
+  CLoan& operator=(const CLoan&) = delete;
+
+  explicit operator bool() const { return m_pLine != nullptr; }
+  int Get() const { return m_pLine->Get(); }
+  int32_t Take(std::span<uint8_t> buffer) {
+    const std::lock_guard guard(m_impl.lock);
+    return m_impl.Take(Get(), buffer.data(), static_cast<int32_t>(buffer.size()), 0);
+  }
+
+ private:
+  Impl& m_impl;
+  std::shared_ptr<CDescriptor> m_pLine;
+};
+
+bool CAsyncSocket::Impl::ReceiveHere(CWakeup& woken, std::span<uint8_t> buffer,
+                                     const FTakeBytes& take) {
+  CLoan loan(*this);
+  if (!loan) return false;
+  short events = 0;
+  if (PollBeside(loan.Get(), POLLIN, woken, -1, &events) != PollResult::kReady) return true;
+  for (int piece = 0; piece < kMaxPieces; ++piece) {
+    const int32_t count = loan.Take(buffer);
+    if (count <= 0) return piece > 0;
+    take(buffer.first(static_cast<size_t>(count)));
+    if (static_cast<size_t>(count) < buffer.size()) return true;
+  }
+  return true;
 }
 
 // The system tells a failure once, to whoever asks first: it is kept for OnClose. Needs: the lock.
@@ -343,45 +441,30 @@ void CAsyncSocket::Impl::Lose(int32_t nCode) {
 
 int32_t CAsyncSocket::Impl::Send(const void* pBuffer, int32_t nSize) {
   const std::lock_guard guard(lock);
-  if (fd < 0) return Fail(kSockErrNotConnected, -1);
-  const ssize_t sent = ::send(fd, pBuffer, static_cast<size_t>(nSize), MSG_DONTWAIT | MSG_NOSIGNAL);
-  const int32_t code = sent < 0 ? SocketErrorCode({errno, asio::error::get_system_category()}) : 0;
+  if (!pLine) return Fail(kSockErrNotConnected, -1);
+  const ssize_t sent =
+      ::send(pLine->Get(), pBuffer, static_cast<size_t>(nSize), MSG_DONTWAIT | MSG_NOSIGNAL);
+  const int32_t code = sent < 0 ? LastErrorCode() : 0;
   if (code != 0 && code != kSockErrWouldBlock) {
     Lose(code);
     return Fail(code, -1);
   }
-  if (sent < nSize && !std::exchange(bWriteWaiting, true)) {
-    bWriteWaiting = pLoop->Post([pSelf = shared_from_this(), round = nRound] {
-      if (round == pSelf->nRound) pSelf->WaitWrite();
-    });
-  }
+  if (sent < nSize && !std::exchange(bWriteWanted, true)) Watch();
   return code == 0 ? static_cast<int32_t>(sent) : Fail(code, -1);
-}
-
-void CAsyncSocket::Impl::WaitWrite() {
-  if (!socket) return;
-  socket->async_wait(Tcp::socket::wait_write, Handler([this](const std::error_code& ec) {
-                       {
-                         const std::lock_guard guard(lock);
-                         bWriteWaiting = false;
-                       }
-                       if (!ec) Notify(kFdWrite, &CAsyncSocket::OnSend, 0);
-                     }));
 }
 
 bool CAsyncSocket::Impl::WaitWritable(int32_t timeoutMs) {
   const int64_t deadline = GetTickCount() + timeoutMs;
-  CDescriptor own;  // stays what it is when the socket is closed meanwhile
   for (;;) {
+    std::shared_ptr<CDescriptor> pUsed;
     {
       const std::lock_guard guard(lock);
-      if (fd < 0 || bInterrupted) return Fail(kSockErrAborted);
-      if (!own) own = CDescriptor(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+      if (!pLine || bInterrupted) return Fail(kSockErrAborted);
+      pUsed = pLine;
     }
-    if (!own) return Fail(SocketErrorCode({errno, asio::error::get_system_category()}));
     const int64_t rest = timeoutMs < 0 ? -1 : std::max<int64_t>(deadline - GetTickCount(), 0);
     short events = 0;
-    switch (PollBeside(own.Get(), POLLOUT, wakeup, static_cast<int32_t>(rest), &events)) {
+    switch (PollBeside(pUsed->Get(), POLLOUT, wakeup, static_cast<int32_t>(rest), &events)) {
       case PollResult::kReady:
         return true;
       case PollResult::kWoken:  // perhaps for a connection long gone
@@ -457,6 +540,10 @@ int32_t CAsyncSocket::GetSockName(std::string& strAddress, uint32_t& nPort) cons
     local = m_pImpl->acceptor->local_endpoint(ec);
   } else if (m_pImpl->socket) {
     local = m_pImpl->socket->local_endpoint(ec);
+  } else if (m_pImpl->pLine) {
+    auto size = static_cast<socklen_t>(local.capacity());
+    const int result = getsockname(m_pImpl->pLine->Get(), local.data(), &size);
+    ec.assign(result == 0 ? 0 : errno, asio::error::get_system_category());
   }
   if (ec) return Fail(SocketErrorCode(ec));
   strAddress = local.address().to_string();
@@ -480,18 +567,22 @@ int32_t CAsyncSocket::Accept(CAsyncSocket& socket) {
   if (!m_pImpl->pending) return Fail(kSockErrWouldBlock);
   socket.CAsyncSocket::Close();
   if (!socket.CAsyncSocket::Create()) return 0;
-  socket.m_pImpl->Adopt(std::move(*m_pImpl->pending));
+  const int32_t shortage = socket.m_pImpl->Adopt(std::move(*m_pImpl->pending));
   m_pImpl->pending.reset();
-  return 1;
+  if (shortage == 0) return 1;
+  socket.CAsyncSocket::Close();
+  return Fail(shortage);
 }
 
 int32_t CAsyncSocket::Receive(void* pBuffer, int32_t nSize, int32_t nFlags) {
   if (m_pImpl->state != Impl::State::kConnected) return Fail(kSockErrNotConnected, -1);
   if (nFlags != 0) return Fail(kSockErrFlags, -1);
   if (nSize <= 0) return Fail(kSockErrInvalid, -1);
-  std::error_code ec;
-  const int32_t count = m_pImpl->Receive(pBuffer, nSize, ec);
-  return count >= 0 ? count : Fail(SocketErrorCode(ec), -1);
+  return m_pImpl->Receive(pBuffer, nSize);
+}
+
+bool CAsyncSocket::ReceiveHere(CWakeup& wakeup, std::span<uint8_t> buffer, const FTakeBytes& take) {
+  return m_pImpl->ReceiveHere(wakeup, buffer, take);
 }
 
 int32_t CAsyncSocket::Send(const void* pBuffer, int32_t nSize, int32_t nFlags) {

@@ -7,10 +7,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "platform/loop_core.h"
+#include "platform/posix/line_watch.h"
 #include "platform/posix/wakeup_impl.h"
 #include "platform/socket.h"
 
@@ -31,10 +33,11 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   int32_t Bind(const Tcp::endpoint& local);
   int32_t Listen(int32_t nBacklog);
   void Connect(const std::string& strHost, uint32_t nPort);
-  void Adopt(Tcp::socket&& accepted);
-  int32_t Receive(void* pBuffer, int32_t nSize, std::error_code& ec);
+  int32_t Adopt(Tcp::socket&& accepted);
+  int32_t Receive(void* pBuffer, int32_t nSize);
 
   // Any thread.
+  bool ReceiveHere(CWakeup& woken, std::span<uint8_t> buffer, const FTakeBytes& take);
   int32_t Send(const void* pBuffer, int32_t nSize);
   bool WaitWritable(int32_t timeoutMs);
   void Interrupt();
@@ -42,30 +45,34 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   CAsyncSocket* const pOwner;  // gone once End has run
   int32_t nEvents = 0;
   State state = State::kIdle;
-  std::optional<Tcp::socket> socket;
+  std::optional<Tcp::socket> socket;  // until it is connected
   std::optional<Tcp::acceptor> acceptor;
   std::optional<Tcp::socket> pending;  // an accepted connection that waits for Accept
   std::optional<Tcp::resolver> resolver;
   std::optional<asio::steady_timer> timer;  // of the connect, or until OnAccept is told anew
   std::vector<Tcp::endpoint> endpoints;     // still to be tried by the connect
   bool bBound = false;
-  bool bReadWaiting = false;
   bool bCloseTold = false;
   bool bInReceive = false;
   int32_t nReceiveBudget = 0;  // what the OnReceive under way may still hand out
 
-  // Shared, under the lock; nRound and pLoop are written on the loop's thread alone.
+  // Shared, under the lock; nRound, pLoop, pLine and watch are written on the loop's thread alone.
   std::mutex lock;
   std::shared_ptr<CLoopCore> pLoop;
-  uint64_t nRound = 0;  // handlers of an earlier round do nothing
-  int fd = -1;          // while connected
+  uint64_t nRound = 0;                 // handlers of an earlier round do nothing
+  std::shared_ptr<CDescriptor> pLine;  // while connected; closed by who lets go of it last
+  std::optional<CLineWatch> watch;     // while connected
   bool bInterrupted = false;
-  bool bWriteWaiting = false;
-  int32_t nLost = 0;  // the failure that has ended the connection
+  bool bReadWanted = false;   // OnReceive is due when bytes are there
+  bool bWriteWanted = false;  // OnSend is due when there is room
+  bool bReadLent = false;     // a ReceiveHere looks for bytes meanwhile
+  int32_t nLost = 0;          // the failure that has ended the connection
 
   CWakeup wakeup;
 
  private:
+  class CLoan;
+
   template <typename Body>
   auto Handler(Body body);
   bool Notify(int32_t nEvent, void (CAsyncSocket::*pNotification)(int32_t), int32_t nCode);
@@ -78,11 +85,15 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   void TryNext(int32_t nCode);
   void ConnectTimedOut();
   void Finish(int32_t nCode);
-  void Establish();
+  int32_t Establish(Tcp::socket&& connected);
+  void WaitForLine();
+  void LineReady();
+  void Watch();
   void WaitRead();
-  void Readable(const std::error_code& ec);
+  void Readable();
   void RaiseClose(int32_t nCode);
-  void WaitWrite();
+  int32_t ReadLine(void* pBuffer, int32_t nSize, int32_t nFlags);
+  int32_t Take(int fd, void* pBuffer, int32_t nSize, int32_t nFlags);
   void WaitAccept();
   void RaiseAccept();
 };

@@ -26,6 +26,7 @@ class CDescriptor {
   }
 
   int Get() const { return m_fd; }
+  int Release() { return std::exchange(m_fd, -1); }
   explicit operator bool() const { return m_fd >= 0; }
 
  private:

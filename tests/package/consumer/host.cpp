@@ -1,5 +1,7 @@
 // Every public header, in one program that decodes a batch.
 #include <kvl/control/DecodeCtrl.h>
+#include <kvl/control/sync_notify.h>
+#include <kvl/platform/message_loop.h>
 #include <kvl/platform/text_encoding.h>
 #include <kvl/script/KVL.h>
 #include <kvl/store/SharedMemory.h>
