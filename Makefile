@@ -2,13 +2,15 @@
 PREFIX ?= /usr/local
 SANITIZERS ?= asan tsan
 FUZZ_SECONDS ?= 60
+STRESS_SECONDS ?= 600
 JOBS ?= $(shell nproc)
 
-.PHONY: help setup build test sanitize lint format bench fuzz demo install package clean
+.PHONY: help setup build test stress sanitize lint format bench fuzz demo install package clean
 
 help:
 	@echo "make demo      a simulated device, a session and a live view of its tags"
 	@echo "make test      sets up what is missing, builds, runs all tests"
+	@echo "make stress    writers and readers on one table, STRESS_SECONDS=$(STRESS_SECONDS)"
 	@echo "make sanitize  all tests under ASan+UBSan and under TSan"
 	@echo "make lint      format and clang-tidy"
 	@echo "make bench     ratios against the peers"
@@ -27,6 +29,10 @@ build: build/dev/CMakeCache.txt
 
 test: build
 	ctest --preset dev -j $(JOBS)
+
+stress: build
+	KVL_TORN_SECONDS=$(STRESS_SECONDS) build/dev/tests/store/store_test \
+	  --gtest_filter='CTableProcesses.*'
 
 sanitize: setup
 	for preset in $(SANITIZERS); do \

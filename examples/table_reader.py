@@ -6,10 +6,11 @@
 import argparse
 import ctypes
 import ctypes.util
-import signal
 import sys
+import time
 
-OK, TYPE_TEXT = 0, 4
+OK, TIMEOUT, TYPE_TEXT = 0, 258, 4
+SLICE_MS = 500  # of a wait; Ctrl-C is heard between two, since Python is deaf within a call to C
 
 
 class Table:
@@ -33,7 +34,16 @@ class Table:
         return tag
 
     def wait(self, tag, timeout_ms):
-        self.check(self.kvl.kvl_tag_wait(tag, timeout_ms), "waiting")
+        """Until the next value; below 0 is no limit."""
+        end = time.monotonic() + timeout_ms / 1000
+        code = TIMEOUT
+        while code == TIMEOUT:
+            left_ms = round((end - time.monotonic()) * 1000)
+            last = 0 <= timeout_ms and left_ms <= SLICE_MS
+            code = self.kvl.kvl_tag_wait(tag, max(left_ms, 0) if last else SLICE_MS)
+            if last:
+                break
+        self.check(code, "waiting")
 
     def read(self, tag):
         kind, size = ctypes.c_int(), ctypes.c_size_t()
@@ -59,17 +69,20 @@ def main():
     parser.add_argument("--count", type=int, default=-1, help="end after so many values")
     parser.add_argument("--timeout", type=int, default=-1, help="milliseconds without a value")
     options = parser.parse_args()
-    signal.signal(signal.SIGINT, signal.SIG_DFL)  # Python's own waits until the library returns
     try:
         table = Table(options.library, options.table)
-        tag = table.tag(options.tag)
-        while options.count != 0:
-            table.wait(tag, options.timeout)
-            print(options.tag, table.read(tag), flush=True)
-            options.count -= 1
-        table.close()
+        try:
+            tag = table.tag(options.tag)
+            while options.count != 0:
+                table.wait(tag, options.timeout)
+                print(options.tag, table.read(tag), flush=True)
+                options.count -= 1
+        finally:
+            table.close()
     except OSError as error:
         sys.exit(f"table_reader.py: {error.strerror}")
+    except KeyboardInterrupt:
+        pass
 
 
 if __name__ == "__main__":

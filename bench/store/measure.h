@@ -11,7 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "script/engine_owner.h"
+
 using Nanoseconds = double;
+
+// An owner of an engine that nobody listens to.
+class CNobody : public kvl::CEngineOwner {
+ public:
+  void Pause(int32_t /*milliseconds*/, kvl::EPause /*reason*/) override {}
+  void Sync(int32_t /*value*/) override {}
+};
 
 inline int64_t NowNanoseconds() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(

@@ -13,49 +13,40 @@ using namespace kvl;
 
 namespace {
 
-class CQuietOwner : public CEngineOwner {
- public:
-  void Pause(int32_t /*milliseconds*/, EPause /*reason*/) override {}
-  void Sync(int32_t /*value*/) override {}
-};
-
-// An instruction's tag: the place in which it is remembered, and its name.
-struct CInstructionTag {
-  int32_t m_nSlot;
-  std::string m_strName;
-};
-
-// A table of `nTags` floats, and what a script's PUT and GET do with it.
+// A script's PUT and GET on a table of `nTags` floats.
 class CSession {
  public:
   explicit CSession(int nTags)
       : m_strTable("bench-" + std::to_string(getpid()) + "-" + std::to_string(nTags)) {
     CTagSet tags;
-    for (int i = 0; i < nTags; ++i) tags.Add(TagName(i), kTagFloat, 4);
+    for (int i = 0; i < nTags; ++i) {
+      m_names.push_back("BENCH_COMMON_PREFIX_" + std::to_string(i));
+      tags.Add(m_names.back(), kTagFloat, 4);
+    }
     CTableOwner owner(m_strTable);
     Require(owner.Create(tags, true), "no table");
-    m_pTags = std::make_unique<CTagExchange>(m_strTable, EAudience::kOwner);
+    m_pExchange = std::make_unique<CTagExchange>(m_strTable, EAudience::kOwner);
   }
   ~CSession() { CTableOwner::Remove(m_strTable); }
   CSession(const CSession&) = delete;
   CSession& operator=(const CSession&) = delete;
 
-  static std::string TagName(int nTag) { return "BENCH_COMMON_PREFIX_" + std::to_string(nTag); }
-  CInstructionTag NewTag(int nTag) { return {m_pTags->NewSlot(), TagName(nTag)}; }
-
-  void Put(const CInstructionTag& tag, float value) {
-    m_pTags->Put(tag.m_nSlot, tag.m_strName, {true, value, {}}, m_owner);
+  int32_t NewSlot() { return m_pExchange->NewSlot(); }
+  void Put(int32_t nSlot, int nTag, float value) {
+    m_pExchange->Put(nSlot, m_names[static_cast<size_t>(nTag)], {true, double{value}, {}},
+                     m_nobody);
   }
-  float Get(const CInstructionTag& tag) {
-    float value = -1;
-    m_pTags->Get(tag.m_nSlot, tag.m_strName, {reinterpret_cast<uint8_t*>(&value), sizeof value}, 0);
-    return value;
+  float Get(int32_t nSlot, int nTag) {
+    uint8_t bytes[4] = {};
+    m_pExchange->Get(nSlot, m_names[static_cast<size_t>(nTag)], bytes, 0);
+    return LoadAt<float>(bytes);
   }
 
  private:
   const std::string m_strTable;
-  CQuietOwner m_owner;
-  std::unique_ptr<CTagExchange> m_pTags;
+  std::vector<std::string> m_names;
+  CNobody m_nobody;
+  std::unique_ptr<CTagExchange> m_pExchange;
 };
 
 // Two subjects that stand side by side in the report.
@@ -120,29 +111,24 @@ constexpr const char* kRedis = "Redis, unix socket";
 
 void AddTags(CReport& report, CSession& session, int nTags) {
   for (const int nTag : std::set<int>{0, nTags / 2, nTags - 1}) {
-    const CInstructionTag tag = session.NewTag(nTag);
+    const int32_t nSlot = session.NewSlot();
     const std::string strName = "tag " + std::to_string(nTag + 1) + " of " + std::to_string(nTags);
     report.Add(
-        strName, 1000, [&session, tag](float value) { session.Put(tag, value); },
-        [&session, tag] { return session.Get(tag); });
+        strName, 1000, [=, &session](float value) { session.Put(nSlot, nTag, value); },
+        [=, &session] { return session.Get(nSlot, nTag); });
   }
 }
 
-// Tags whose names a script makes at run time: each access looks its tag up by the name.
+// One instruction whose operand gives another name each time.
 void AddNames(CReport& report, CSession& session, int nTags) {
-  const auto tags = std::make_shared<std::vector<CInstructionTag>>();
-  const int32_t nSlot = session.NewTag(0).m_nSlot;
-  for (int i = 0; i < nTags; ++i) tags->push_back({nSlot, CSession::TagName(i)});
-  const auto Next = [tags](int& nTag) -> const CInstructionTag& {
-    nTag = (nTag + 7919) % static_cast<int>(tags->size());
-    return (*tags)[static_cast<size_t>(nTag)];
-  };
-  const auto nPut = std::make_shared<int>(0);
-  const auto nGet = std::make_shared<int>(0);
+  const auto pPut = std::make_shared<int>(0);
+  const auto pGet = std::make_shared<int>(0);
+  const int32_t nSlot = session.NewSlot();
+  const auto Next = [nTags](int& nTag) { return nTag = (nTag + 7919) % nTags; };
   report.Add(
       "any of " + std::to_string(nTags) + ", by name", 1000,
-      [=, &session](float value) { session.Put(Next(*nPut), value); },
-      [=, &session] { return session.Get(Next(*nGet)); });
+      [=, &session](float value) { session.Put(nSlot, Next(*pPut), value); },
+      [=, &session] { return session.Get(nSlot, Next(*pGet)); });
 }
 
 void AddLockedCopy(CReport& report) {

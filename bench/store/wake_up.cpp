@@ -11,7 +11,7 @@
 
 #include "measure.h"
 #include "platform/named_event.h"
-#include "platform/named_semaphore.h"
+#include "script/tag_exchange.h"
 #include "store/TableOwner.h"
 
 using namespace kvl;
@@ -69,18 +69,15 @@ CWakeUp MeasureEventWakeUp() {
   Require(owner.Create(tags, false), "no table");
   const CNamedEvent event(strTag + kEventSuffix, EAudience::kOwner);
   Require(event.IsOpen(), "no event");
-  CSharedMemory store(strTable, kTableSize);
-  CNamedSemaphore session(strTable + kTableLockSuffix, EOpenMode::kOpenOrCreate, EAudience::kOwner);
-  const auto pTag = store.BindTag(strTag);
+  CTagExchange exchange(strTable, EAudience::kOwner);
+  const int32_t nSlot = exchange.NewSlot();
+  CNobody nobody;
   uint32_t nSeen = 0;
-  const CWakeUp result =
-      Measure([&](Stage&) { event.WaitForNext(nSeen, kForever); },
-              [&](Stage& stage) {
-                const float value = 1.5;
-                stage.m_nStart = NowNanoseconds();
-                const CSemaphoreHold hold(session);
-                Require(CValueAccess(store, *pTag).WritePayload(&value, sizeof value), "PUT fails");
-              });
+  const CWakeUp result = Measure([&](Stage&) { event.WaitForNext(nSeen, kForever); },
+                                 [&](Stage& stage) {
+                                   stage.m_nStart = NowNanoseconds();
+                                   exchange.Put(nSlot, strTag, {true, 1.5, {}}, nobody);
+                                 });
   CTableOwner::Remove(strTable);
   return result;
 }

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -79,6 +80,17 @@ bool FromHex(std::string_view text, std::vector<uint8_t>& bytes) {
     }
   }
   return high < 0;
+}
+
+std::string ShellWord(std::string_view text) {
+  const auto plain = [](char c) {
+    return static_cast<unsigned char>(c) >= 0x80 || std::isalnum(static_cast<unsigned char>(c)) ||
+           std::string_view("_-./:,+@%").find(c) != std::string_view::npos;
+  };
+  if (!text.empty() && std::ranges::all_of(text, plain)) return std::string(text);
+  std::string word = "'";
+  for (const char c : text) word += c == '\'' ? "'\\''" : std::string(1, c);
+  return word + '\'';
 }
 
 std::string Printable(std::string_view bytes) {

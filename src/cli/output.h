@@ -29,6 +29,10 @@ bool FromHex(std::string_view text, std::vector<uint8_t>& bytes);
 // Bytes for a person's eyes: text as UTF-8, control characters as \r, \n, \t or \xHH.
 std::string Printable(std::string_view bytes);
 
+// A text as one word of a shell's command line, for advice that is pasted there: in quotes if it
+// needs them.
+std::string ShellWord(std::string_view text);
+
 // Columns that a UTF-8 text takes on the screen: East Asian characters take two.
 size_t WidthOf(std::string_view utf8);
 

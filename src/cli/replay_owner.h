@@ -57,6 +57,7 @@ class CReplayOwner : public CEngineOwner {
     CTagImage image;
     if (m_table.Get(tag, image)) m_report.Put(m_nPass, image);
   }
+  bool ListensToPuts() const override { return true; }
 
  private:
   CReplayReport& m_report;

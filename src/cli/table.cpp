@@ -36,12 +36,17 @@ int Create(const CTableOptions& options, const CContext& context) {
   if (!owner.Create(tags, options.m_bReplace)) {
     if (owner.LastError() == kErrorAlreadyExists) {
       throw CCommandError(kFailed,
-                          fmt::format("table '{0}' holds records already; kvl table show {0} lists "
+                          fmt::format("table '{}' holds records already; kvl table show {} lists "
                                       "its tags, --replace drops them and lays these instead",
-                                      options.m_table));
+                                      options.m_table, ShellWord(options.m_table)));
     }
-    throw CCommandError(kFailed, fmt::format("table '{}' can't be laid: {}", options.m_table,
-                                             ErrorText(owner.LastError())));
+    // A section that is too small stays so until it is made anew.
+    const bool anew = owner.LastError() == kErrorDamaged ||
+                      (owner.IsOpen() && owner.LastError() == kErrorDiskFull);
+    throw CCommandError(
+        kFailed,
+        fmt::format("table '{}' can't be laid: {}{}", options.m_table, ErrorText(owner.LastError()),
+                    anew ? AdviceToRemove(options.m_table) : std::string()));
   }
   const size_t count = tags.Tags().size();
   if (options.m_bJson) {
@@ -73,14 +78,15 @@ int Show(const CTableOptions& options, const CContext& context) {
   } else if (!tags.empty()) {
     PrintTags(tags, CPainter(context.m_color, CPainter::EStream::Output));
   } else if (whole) {
-    fmt::print(stderr, "table {0} holds no tags; kvl table create {0} --tags FILE lays some\n",
-               options.m_table);
+    fmt::print(stderr, "table {} holds no tags; kvl table create {} --tags FILE lays some\n",
+               options.m_table, ShellWord(options.m_table));
   }
   if (whole) return kDone;
   if (owner.LastError() != kErrorDamaged) RefuseTable(options.m_table, owner.LastError());
-  throw CCommandError(kFailed, fmt::format("table '{0}' is damaged behind its first {1} tags; kvl "
-                                           "table create {0} --replace --tags FILE lays it anew",
-                                           options.m_table, tags.size()));
+  throw CCommandError(kFailed,
+                      fmt::format("table '{}' is damaged behind its first {} tags; kvl "
+                                  "table create {} --replace --tags FILE lays it anew",
+                                  options.m_table, tags.size(), ShellWord(options.m_table)));
 }
 
 int List(const CTableOptions& options) {

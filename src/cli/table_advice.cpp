@@ -57,9 +57,9 @@ std::string AdviseOnTags(const std::string& shown, CTableOwner& owner, const CTa
   std::vector<CTagImage> tags;
   owner.List(tags);
   return fmt::format(
-      "table '{0}' has no tag {1}, so that PUT and GET of it have no effect; kvl "
-      "table create {0}{2} --tags FILE lays it",
-      shown, missing, tags.empty() ? "" : " --replace");
+      "table '{}' has no tag {}, so that PUT and GET of it have no effect; kvl "
+      "table create {}{} --tags FILE lays it",
+      shown, missing, ShellWord(shown), tags.empty() ? "" : " --replace");
 }
 
 }  // namespace
@@ -76,9 +76,9 @@ std::string AdviseOnTable(const std::string& table, std::string_view script) {
   if (owner.IsOpen()) return AdviseOnTags(shown, owner, use);
   if (owner.LastError() == kErrorNotFound) {
     return fmt::format(
-        "there is no table '{0}' yet, so that PUT and GET have no effect; kvl table "
-        "create {0} --tags FILE lays it, also while the script runs",
-        shown);
+        "there is no table '{}' yet, so that PUT and GET have no effect; kvl table "
+        "create {} --tags FILE lays it, also while the script runs",
+        shown, ShellWord(shown));
   }
   return fmt::format("table '{}' can't be used, so that PUT and GET have no effect: {}", shown,
                      ErrorText(owner.LastError()));

@@ -264,9 +264,9 @@ class CTableWatch {
     m_tags = std::vector<CWatchedTag>(tags.size());
     for (size_t i = 0; i < tags.size(); ++i) m_tags[i].m_image = std::move(tags[i]);
     if (m_tags.empty()) {
-      throw CCommandError(kFailed, fmt::format("table '{0}' holds no tag to follow; kvl table show "
-                                               "{0} lists its tags",
-                                               m_options.m_table));
+      throw CCommandError(kFailed, fmt::format("table '{}' holds no tag to follow; kvl table show "
+                                               "{} lists its tags",
+                                               m_options.m_table, ShellWord(m_options.m_table)));
     }
     m_bFollowing = true;
   }

@@ -91,21 +91,26 @@ CJson TagJson(const CTagImage& tag) {
           {"hex", ToHex(tag.m_payload)}};
 }
 
+std::string AdviceToRemove(const std::string& table) {
+  return fmt::format("; kvl table remove {} drops it", ShellWord(table));
+}
+
 void RefuseTable(const std::string& table, uint32_t dwCode) {
   if (dwCode == kErrorNotFound) {
-    throw CCommandError(kFailed, fmt::format("there is no table '{0}'; kvl table create {0} --tags "
+    throw CCommandError(kFailed, fmt::format("there is no table '{}'; kvl table create {} --tags "
                                              "FILE lays one",
-                                             table));
+                                             table, ShellWord(table)));
   }
   throw CCommandError(kFailed,
-                      fmt::format("table '{}' can't be used: {}", table, ErrorText(dwCode)));
+                      fmt::format("table '{}' can't be used: {}{}", table, ErrorText(dwCode),
+                                  dwCode == kErrorDamaged ? AdviceToRemove(table) : std::string()));
 }
 
 void RefuseTag(const std::string& table, const std::string& tag, uint32_t dwCode) {
   if (dwCode == kErrorNotFound) {
-    throw CCommandError(kFailed, fmt::format("table '{0}' has no tag '{1}'; kvl table show {0} "
+    throw CCommandError(kFailed, fmt::format("table '{}' has no tag '{}'; kvl table show {} "
                                              "lists those that it has",
-                                             table, tag));
+                                             table, tag, ShellWord(table)));
   }
   throw CCommandError(kFailed,
                       fmt::format("tag '{}' of table '{}': {}", tag, table, ErrorText(dwCode)));

@@ -34,6 +34,9 @@ CJson ValueJson(const CTagImage& tag);
 // What `kvl table show --json` prints of a tag.
 CJson TagJson(const CTagImage& tag);
 
+// What to add for a table that only its removal mends.
+std::string AdviceToRemove(const std::string& table);
+
 // For a table that can't be opened, with what to do about it.
 [[noreturn]] void RefuseTable(const std::string& table, uint32_t dwCode);
 

@@ -30,6 +30,7 @@ class CSession : public CEngineOwner {
   void OnOut(std::span<const uint8_t> bytes, int32_t interval) override;
   void OnPrint(std::string_view message) override;
   void OnPut(std::string_view tag, std::span<const uint8_t> payload) override;
+  bool ListensToPuts() const override { return m_pObserver != nullptr; }
 
   // Set while no worker runs.
   CSessionObserver* m_pObserver = nullptr;

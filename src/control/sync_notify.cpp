@@ -9,41 +9,55 @@ struct CPooledRecord : CSyncNotify {
   CPooledRecord* m_pNext = nullptr;
 };
 
-// The records that nobody uses.
+// Records in the order in which they came.
+class CRecordList {
+ public:
+  bool IsEmpty() const { return m_pFirst == nullptr; }
+  uint32_t Count() const { return m_nCount; }
+  const CPooledRecord& First() const { return *m_pFirst; }
+
+  void Append(CPooledRecord* record) {
+    record->m_pNext = nullptr;
+    (IsEmpty() ? m_pFirst : m_pLast->m_pNext) = record;
+    m_pLast = record;
+    ++m_nCount;
+  }
+
+  CPooledRecord* TakeFirst() {
+    CPooledRecord* const record = m_pFirst;
+    m_pFirst = record->m_pNext;
+    --m_nCount;
+    return record;
+  }
+
+ private:
+  CPooledRecord* m_pFirst = nullptr;
+  CPooledRecord* m_pLast = nullptr;
+  uint32_t m_nCount = 0;
+};
+
+// The records that no SYNC has. A host is done with one that it has answered; with any other it may
+// still meet.
 class CPool {
  public:
   CSyncNotify* Take() {
     const std::lock_guard lock(m_cs);
-    if (m_pAnswered != nullptr) {
-      CPooledRecord* const record = m_pAnswered;
-      m_pAnswered = record->m_pNext;
-      return record;
-    }
-    if (m_nResting <= kSyncResting) return new CPooledRecord;
-    --m_nResting;
-    CPooledRecord* const record = m_pFirst;
-    m_pFirst = record->m_pNext;
-    return record;
+    if (!m_answered.IsEmpty()) return m_answered.TakeFirst();
+    if (m_unanswered.IsEmpty()) return new CPooledRecord;
+    const bool bAnswered = m_unanswered.First().m_bPending == 0;
+    if (bAnswered || m_unanswered.Count() > kSyncResting) return m_unanswered.TakeFirst();
+    return new CPooledRecord;
   }
 
   void GiveBack(CPooledRecord* record) {
     const std::lock_guard lock(m_cs);
-    if (record->m_bPending == 0) {
-      record->m_pNext = m_pAnswered;
-      m_pAnswered = record;
-      return;
-    }
-    record->m_pNext = nullptr;
-    (m_nResting++ == 0 ? m_pFirst : m_pLast->m_pNext) = record;
-    m_pLast = record;
+    (record->m_bPending == 0 ? m_answered : m_unanswered).Append(record);
   }
 
  private:
   std::mutex m_cs;
-  CPooledRecord* m_pAnswered = nullptr;
-  CPooledRecord* m_pFirst = nullptr;  // whose host may answer yet, the one of the oldest SYNC first
-  CPooledRecord* m_pLast = nullptr;
-  uint32_t m_nResting = 0;
+  CRecordList m_answered;
+  CRecordList m_unanswered;
 };
 
 // Never destroyed: a host may answer to the very end of the process.

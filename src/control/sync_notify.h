@@ -13,8 +13,8 @@ inline constexpr uint32_t kSyncCode = 10001;
 
 // Posted with kWmNotify: first parameter the control's child identifier, second the address of
 // this record. The host deals with m_nValue and then sets m_bPending to 0, within 1000 ms. An
-// answer that comes later does no harm: the record stays as it is until kSyncResting further ones
-// were left without an answer, also after the session.
+// answer that comes later does no harm, also after the session: no SYNC gets the record before it
+// was answered, unless kSyncResting later ones, which take a second each, got no answer in time.
 struct CSyncNotify {
   NMHDR m_header;  // the control's window and child identifier, and kSyncCode
   int32_t m_nValue = 0;

@@ -56,6 +56,8 @@ class KVL_API CNamedEvent {
 
   // Takes the name away from the event and ends the waits for it. True if it was there.
   static bool Remove(std::string_view strName, EAudience audience);
+  // The same for many, most of which may not be there.
+  static void Remove(std::span<const std::string> names, EAudience audience);
 
  private:
   std::shared_ptr<CEventBell> m_pBell;

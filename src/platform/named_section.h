@@ -46,7 +46,7 @@ class KVL_API CNamedSection {
   static bool Remove(std::string_view strName, EAudience audience);
 
   // The names of the sections that are there, in the order of their bytes; none if they can't be
-  // told, as those of kThisProcess.
+  // told.
   static std::vector<std::string> Names(EAudience audience);
 
  private:

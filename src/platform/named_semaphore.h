@@ -22,6 +22,9 @@ enum class ETaken {
 class KVL_API CNamedSemaphore {
  public:
   CNamedSemaphore(std::string_view strName, EOpenMode mode, EAudience audience);
+  // Why no semaphore could have that name; 0 if one could.
+  static uint32_t NameError(std::string_view strName);
+
   ~CNamedSemaphore();  // releases it if held
   CNamedSemaphore(const CNamedSemaphore&) = delete;
   CNamedSemaphore& operator=(const CNamedSemaphore&) = delete;
@@ -39,10 +42,12 @@ class KVL_API CNamedSemaphore {
   // the semaphore guards counts the change, so that others know when what they remember has
   // ceased to hold. A holder's death counts as a change.
   // Needs: the semaphore is held.
-  uint64_t ChangeCount() const;
+  uint64_t ChangeCount() const { return *m_pnChangeCount; }
   void CountChange();
 
-  // Takes the name away from the semaphore; whoever takes it from now on looks for another one.
+  // Ends the semaphore: its release takes the name away from it, and whoever takes it from now on
+  // looks for another one. What it guards is removed between the two, so that nobody finds that
+  // under another semaphore, and whoever dies meanwhile leaves it to be found by everybody.
   // Needs: the semaphore is held.
   void Remove();
 
@@ -57,6 +62,7 @@ class KVL_API CNamedSemaphore {
   EOpenMode m_mode;  // kOpenExisting once it was held: nobody makes anew what was removed
   EAudience m_audience;
   Shared* m_pShared = nullptr;
+  const uint64_t* m_pnChangeCount = nullptr;  // in m_pShared
   uint64_t m_nDevice = 0;  // with m_nNumber: which of the objects that have had the name
   uint64_t m_nNumber = 0;
   uint32_t m_dwError = 0;

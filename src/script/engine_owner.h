@@ -34,6 +34,9 @@ class KVL_API CEngineOwner {
   virtual void OnOut(std::span<const uint8_t> /*bytes*/, int32_t /*interval*/) {}
   virtual void OnPrint(std::string_view /*message*/) {}
   virtual void OnPut(std::string_view /*tag*/, std::span<const uint8_t> /*payload*/) {}
+
+  // Whether OnPut is to be called; it takes a copy of the payload.
+  virtual bool ListensToPuts() const { return false; }
 };
 
 }  // namespace kvl

@@ -71,6 +71,7 @@ void CTagExchange::Put(int32_t slot, std::string_view tag, const CPutValue& valu
                        CEngineOwner& owner) {
   CTag* const bound = Bind(slot, tag);
   if (bound == nullptr) return;
+  const bool isListened = owner.ListensToPuts();
   {
     const CSemaphoreHold hold(m_tableLock);
     if (!hold) return;
@@ -79,6 +80,7 @@ void CTagExchange::Put(int32_t slot, std::string_view tag, const CPutValue& valu
     const bool isText = access.Type() == kTagText;
     if (!isText && !value.m_bNumber) return;
     if (!(isText ? WriteText(access, value.m_text) : WriteNumber(access, value.m_number))) return;
+    if (!isListened) return;
     const std::span<const uint8_t> payload = access.Payload();
     m_payload.assign(payload.begin(), payload.end());
   }

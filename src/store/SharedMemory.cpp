@@ -10,6 +10,8 @@
 namespace kvl {
 namespace {
 
+constexpr uint32_t kNoRecord = 0;  // the section's head is there
+
 // Names that a script makes at run time are bound as they come; this many are remembered.
 constexpr size_t kMaxTags = 16384;
 
@@ -40,11 +42,17 @@ CSharedMemory::~CSharedMemory() = default;
 void CSharedMemory::Open(std::string_view strName, uint32_t dwSize, const InitCallback& callback,
                          EOpenMode mode) {
   if (strName.empty()) return SetError(kErrorInvalidName);
+  // No object is made of a table that can't have them all.
+  const uint32_t dwNameError = CNamedSemaphore::NameError(std::string(strName) + kTableLockSuffix);
+  if (dwNameError != 0) return SetError(dwNameError);
   m_strName = strName;
-  // The longest name of the table's objects: without it nothing is left behind half-made.
-  const CNamedSemaphore probe(m_strName + kTableLockSuffix, EOpenMode::kOpenExisting, m_audience);
-  if (probe.Error() == kErrorNameTooLong) return SetError(kErrorNameTooLong);
-  m_pSemaphore = std::make_unique<CNamedSemaphore>(m_strName + kLockSuffix, mode, m_audience);
+  const std::string strLock = m_strName + kLockSuffix;
+  m_pSemaphore = std::make_unique<CNamedSemaphore>(strLock, mode, m_audience);
+  // A section without its semaphore is what a killed remover leaves: the table is still there.
+  if (m_pSemaphore->Error() == kErrorNotFound &&
+      CNamedSection(m_strName, 0, EOpenMode::kOpenExisting, m_audience).IsOpen()) {
+    m_pSemaphore = std::make_unique<CNamedSemaphore>(strLock, EOpenMode::kOpenOrCreate, m_audience);
+  }
   if (m_pSemaphore->Take() == ETaken::kNo) {
     SetError(m_pSemaphore->Error());
   } else {
@@ -71,7 +79,7 @@ bool CSharedMemory::OpenSection(uint32_t dwSize, EOpenMode mode) {
   uint8_t* pView = pSection->View();
   // Neither a size nor a record: its maker died before the head was laid.
   const bool bBlank = LoadAt<uint64_t>(pView) == 0;
-  m_bFirstOpener = bBlank && mode == EOpenMode::kOpenOrCreate;
+  m_bFirstOpener = bBlank;
   if (m_bFirstOpener) {
     const auto dwWhole = static_cast<uint32_t>(pSection->Size());
     memset(pView, 0, dwWhole);
@@ -80,26 +88,17 @@ bool CSharedMemory::OpenSection(uint32_t dwSize, EOpenMode mode) {
   } else if (mode == EOpenMode::kOpenOrCreate) {
     SetThreadError(kErrorAlreadyExists);
   }
-  m_dwSize = LoadAt<uint32_t>(pView + kSizeOffset);
   m_pSection = std::move(pSection);
-  m_nSectionChanges = m_pSemaphore->ChangeCount();
+  FollowShape();
   return true;
 }
 
-// Whether the name still means this section. Whoever takes it away counts the change, and a remover
-// that died half-way was counted by the next who took the semaphore.
-bool CSharedMemory::HasSection() {
+// Whether the section is still the table's. Who takes its name away counts the change, or dies
+// doing so, and that counts as well.
+bool CSharedMemory::HasSection() const {
   if (!m_pSection) return false;
-  const uint64_t nChanges = m_pSemaphore->ChangeCount();
-  if (nChanges == m_nSectionChanges) return true;
-  m_nSectionChanges = nChanges;
-  return m_pSection->HasName(m_strName, m_audience);
-}
-
-// Needs: the semaphore is held.
-void CSharedMemory::RestoreSize() {
-  m_dwSize = static_cast<uint32_t>(m_pSection->Size());
-  StoreAt(m_pSection->View() + kSizeOffset, m_dwSize);
+  return m_pSemaphore->ChangeCount() == m_nShapeChanges ||
+         m_pSection->HasName(m_strName, m_audience);
 }
 
 // Takes the semaphore. When the table was removed since the last time, goes over to the one that
@@ -110,7 +109,10 @@ bool CSharedMemory::Lock() {
     SetError(m_pSemaphore->Error());
     return false;
   }
-  if (taken == ETaken::kYes && HasSection()) return true;
+  if (taken == ETaken::kYes && HasSection()) {
+    FollowShape();
+    return true;
+  }
   if (OpenSection(0, EOpenMode::kOpenExisting)) return true;
   m_pSemaphore->Release();
   return false;
@@ -132,22 +134,22 @@ bool CSharedMemory::IsNamed(const CRecord& record, std::u16string_view strWide) 
   return memcmp(pName, strWide.data(), nBytes) == 0 && LoadAt<char16_t>(pName + nBytes) == 0;
 }
 
-// The first record of the tag's name. A tag that was found before is found again at once: the
-// change count tells that the records lie where they did.
+// The first record of the tag's name. A tag that was looked for before is found, or missed, again
+// at once: the change count tells that the records lie where they did.
 bool CSharedMemory::FindRecord(CTag& tag, CRecord& record) {
-  FollowShape();
-  if (tag.m_nShape == m_nShape && RecordAt(Section(), tag.m_dwOffset, record) &&
+  const bool bKnown = tag.m_nShape == m_nShape;
+  if (bKnown && tag.m_dwOffset != kNoRecord && RecordAt(Section(), tag.m_dwOffset, record) &&
       IsNamed(record, tag.m_strWide)) {
     return true;
   }
-  const uint32_t dwCode = m_pSection->IsWhole() ? SearchRecord(tag, record) : kErrorDamaged;
-  if (dwCode != 0) {
-    SetError(dwCode);
-    return false;
+  uint32_t dwCode = kErrorNotFound;
+  if (!bKnown || tag.m_dwOffset != kNoRecord) {
+    dwCode = m_pSection->IsWhole() ? SearchRecord(tag, record) : kErrorDamaged;
+    tag.m_nShape = dwCode == kErrorDamaged ? 0 : m_nShape;
+    tag.m_dwOffset = dwCode == 0 ? record.m_dwOffset : kNoRecord;
   }
-  tag.m_nShape = m_nShape;
-  tag.m_dwOffset = record.m_dwOffset;
-  return true;
+  if (dwCode != 0) SetError(dwCode);
+  return dwCode == 0;
 }
 
 // By the index, or else record by record: so a name that the index lacks, or whose record is not
@@ -172,6 +174,7 @@ void CSharedMemory::FollowShape() {
   if (nChanges == m_nShapeChanges && dwCount == m_dwShapeCount) return;
   m_nShapeChanges = nChanges;
   m_dwShapeCount = dwCount;
+  m_dwSize = LoadAt<uint32_t>(m_pSection->View() + kSizeOffset);
   ++m_nShape;
   m_bIndexed = false;
 }
@@ -272,7 +275,7 @@ CValueAccess::CValueAccess(CSharedMemory& store, CTag& tag) : m_store(store), m_
 CValueAccess::~CValueAccess() {
   if (!m_bLocked) return;
   m_store.Unlock();
-  m_tag.m_event.Wake();
+  if (m_bWritten) m_tag.m_event.Wake();
 }
 
 std::span<const uint8_t> CValueAccess::Payload() const {
@@ -291,6 +294,7 @@ bool CValueAccess::Write(const void* pSource, uint32_t dwFromEnd, uint32_t dwByt
   if (dwBytes > m_area.size()) return Refuse(kErrorNoMemory);
   if (dwFromEnd > m_area.size() || dwBytes > dwFromEnd) return Refuse(kErrorBadParameter);
   memcpy(m_area.data() + (m_area.size() - dwFromEnd), pSource, dwBytes);
+  m_bWritten = true;
   try {
     m_tag.m_event.Set();
   } catch (const std::bad_alloc&) {

@@ -36,8 +36,8 @@ namespace kvl {
 
 class CSharedMemory;
 
-// One value's name, bound to a store. Remembers where the record was found, which holds for as
-// long as the table keeps its shape.
+// One value's name, bound to a store. Remembers where the record was found, or that there is none,
+// which holds for as long as the table keeps its shape.
 class KVL_API CTag {
  public:
   const std::string& Name() const { return m_strName; }
@@ -50,8 +50,8 @@ class KVL_API CTag {
   const std::string m_strName;
   const std::u16string m_strWide;
   const size_t m_nHash;
-  uint64_t m_nShape = 0;  // the store's m_nShape for which m_dwOffset is right; 0 is none
-  uint32_t m_dwOffset = 0;
+  uint64_t m_nShape = 0;    // the store's m_nShape for which m_dwOffset is right; 0 is none
+  uint32_t m_dwOffset = 0;  // of the record; 0 for none
   CEventTrigger m_event;
 };
 
@@ -62,7 +62,7 @@ class KVL_API CSharedMemory {
   // Opens the section of that name, or makes one of `dwSize` bytes, all zero but its size word.
   // One that is there keeps its own size. The callback, if any, runs once the store is open, for
   // every opener, with the semaphore released; it may use the store and must not throw.
-  // With kOpenExisting nothing is made.
+  // With kOpenExisting no section is made.
   // A failure leaves the store closed, with its code in LastError().
   CSharedMemory(std::string_view strName, uint32_t dwSize, const InitCallback& callback = nullptr,
                 EAudience audience = EAudience::kOwner, EOpenMode mode = EOpenMode::kOpenOrCreate);
@@ -103,8 +103,7 @@ class KVL_API CSharedMemory {
   void Open(std::string_view strName, uint32_t dwSize, const InitCallback& callback,
             EOpenMode mode);
   bool OpenSection(uint32_t dwSize, EOpenMode mode);
-  bool HasSection();
-  void RestoreSize();
+  bool HasSection() const;
   bool Lock();
   void Unlock();
   bool FindRecord(CTag& tag, CRecord& record);
@@ -121,7 +120,6 @@ class KVL_API CSharedMemory {
   bool m_bFirstOpener = true;
   bool m_bOpen = false;
   uint32_t m_dwSize = 0;
-  uint64_t m_nSectionChanges = 0;  // the change count for which m_pSection is the table's
   std::unique_ptr<CNamedSemaphore> m_pSemaphore;
   std::unique_ptr<CNamedSection> m_pSection;
 
@@ -171,6 +169,7 @@ class KVL_API CValueAccess {
   bool m_bLocked = false;
   bool m_bFound = false;
   bool m_bTag = false;
+  bool m_bWritten = false;
   uint8_t m_type = 0;
   uint16_t m_nPayload = 0;
 };

@@ -1,7 +1,7 @@
 #include "store/TableOwner.h"
 
 #include <algorithm>
-#include <set>
+#include <unordered_set>
 
 #include "platform/last_error.h"
 #include "platform/named_event.h"
@@ -22,7 +22,7 @@ bool NameOf(std::span<const uint8_t> section, const CRecord& record, std::string
   return Cp949FromUtf8(Utf8FromUtf16(strWide), strName);
 }
 
-// All but the name. False if the record holds no tag.
+// The tag in a record, but for its name. False if the value area is none of a tag.
 bool TagOf(std::span<const uint8_t> section, const CRecord& record, CTagImage& tag) {
   if (record.m_dwLength < kTagHead) return false;
   const auto area = section.subspan(record.m_dwOffset + kRecordHead, record.m_dwLength);
@@ -35,11 +35,13 @@ bool TagOf(std::span<const uint8_t> section, const CRecord& record, CTagImage& t
 }
 
 void RemoveEvents(std::span<const uint8_t> section, EAudience audience) {
+  std::vector<std::string> names;
   WalkRecords(section, [&](const CRecord& record) {
     std::string strName;
-    if (NameOf(section, record, strName)) CNamedEvent::Remove(strName + kEventSuffix, audience);
+    if (NameOf(section, record, strName)) names.push_back(strName + kEventSuffix);
     return false;
   });
+  CNamedEvent::Remove(names, audience);
 }
 
 // Writes a record with an empty payload behind the others; returns where the next one goes.
@@ -62,14 +64,24 @@ CTableOwner::CTableOwner(std::string_view strTable, EAudience audience)
                                                EOpenMode::kOpenExisting)),
       m_dwLastError(m_pStore->LastError()) {}
 
+// Holds the store, of a table that is made if it isn't there, or is no longer.
+bool CTableOwner::LockOrMake() {
+  if (IsOpen() && m_pStore->Lock()) return true;
+  if (!IsOpen() || m_pStore->LastError() == kErrorNotFound) {
+    m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize, nullptr, m_audience);
+    if (IsOpen() && m_pStore->Lock()) return true;
+  }
+  return Check(false, m_pStore->LastError());
+}
+
 bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
-  // Anew, since the table that was open may have been removed, or never have got its head.
-  m_pStore = std::make_unique<CSharedMemory>(m_strTable, kTableSize, nullptr, m_audience);
-  if (!IsOpen()) return Check(false, m_pStore->LastError());
+  if (!LockOrMake()) return false;
+  m_pStore->Unlock();
   CNamedSemaphore session(m_strTable + kTableLockSuffix, EOpenMode::kOpenOrCreate, m_audience);
   const CSemaphoreHold hold(session);
   if (!hold) return Check(false, session.Error());
-  if (!m_pStore->Lock()) return Check(false, m_pStore->LastError());
+  // Nobody removes the table from now on.
+  if (!LockOrMake()) return false;
   const bool bLaid = Lay(tags, bReplace);
   m_pStore->Unlock();
   return bLaid;
@@ -79,16 +91,16 @@ bool CTableOwner::Create(const CTagSet& tags, bool bReplace) {
 // table and no half of one.
 bool CTableOwner::Lay(const CTagSet& tags, bool bReplace) {
   if (!m_pStore->m_pSection->IsWhole()) return Check(false, kErrorDamaged);
-  if (bReplace) m_pStore->RestoreSize();
-  const std::span<uint8_t> section = m_pStore->Section();
-  if (section.size() < kFirstRecord) return Check(false, kErrorDamaged);
+  // All of it, whatever size it claims.
+  const std::span<uint8_t> section(m_pStore->m_pSection->View(), m_pStore->m_pSection->Size());
   if (!bReplace && LoadAt<uint32_t>(section.data() + kCountOffset) != 0) {
     return Check(false, kErrorAlreadyExists);
   }
   if (section.size() < tags.Bytes()) return Check(false, kErrorDiskFull);
-  RemoveEvents(section, m_audience);
+  RemoveEvents(m_pStore->Section(), m_audience);
   m_pStore->m_pSemaphore->CountChange();
   StoreAt(section.data() + kCountOffset, uint32_t{0});
+  StoreAt(section.data() + kSizeOffset, static_cast<uint32_t>(section.size()));
   std::fill(section.begin() + kFirstRecord, section.end(), uint8_t{0});
   uint8_t* pRecord = section.data() + kFirstRecord;
   for (const CTagDefinition& tag : tags.Tags()) pRecord = LayRecord(pRecord, tag);
@@ -103,13 +115,13 @@ bool CTableOwner::List(std::vector<CTagImage>& tags) {
   const std::span<const uint8_t> section = m_pStore->Section();
   uint32_t dwCode = kErrorDamaged;
   if (m_pStore->m_pSection->IsWhole()) {
-    std::set<std::string> names;  // behind the first record of a name nobody reaches another
+    std::unordered_set<std::string> names;
     dwCode = WalkRecords(section, [&](const CRecord& record) {
       CTagImage tag;
-      if (NameOf(section, record, tag.m_strName) && names.insert(tag.m_strName).second &&
-          TagOf(section, record, tag)) {
-        tags.push_back(std::move(tag));
-      }
+      // Nobody reaches a second record of a name.
+      const bool bFirst =
+          NameOf(section, record, tag.m_strName) && names.insert(tag.m_strName).second;
+      if (bFirst && TagOf(section, record, tag)) tags.push_back(std::move(tag));
       return false;
     });
   }
@@ -154,7 +166,10 @@ bool CTableOwner::Set(std::string_view strTag, std::string_view strText, std::st
 uint32_t CTableOwner::Remove(std::string_view strTable, EAudience audience) {
   const std::string strName(strTable);
   const std::string strLock = strName + kLockSuffix;
-  if (!CNamedSemaphore(strLock, EOpenMode::kOpenExisting, audience).IsOpen()) {
+  const auto IsThere = [audience](const std::string& strSemaphore) {
+    return CNamedSemaphore(strSemaphore, EOpenMode::kOpenExisting, audience).IsOpen();
+  };
+  if (!IsThere(strLock) && !IsThere(strName + kTableLockSuffix)) {
     const CNamedSection probe(strName, 0, EOpenMode::kOpenExisting, audience);
     if (!probe.IsOpen()) return probe.Error();
   }
@@ -168,9 +183,9 @@ uint32_t CTableOwner::Remove(std::string_view strTable, EAudience audience) {
     const CNamedSection section(strName, 0, EOpenMode::kOpenExisting, audience);
     if (section.IsOpen()) RemoveEvents({section.View(), section.Size()}, audience);
   }
-  CNamedSection::Remove(strName, audience);
   lock.Remove();
   session.Remove();
+  CNamedSection::Remove(strName, audience);
   return 0;
 }
 

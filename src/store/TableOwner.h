@@ -38,8 +38,9 @@ class KVL_API CTableOwner {
   CSharedMemory& Store() { return *m_pStore; }
 
   // Every tag in the table's order, copied in one critical section. Records that hold no tag or
-  // have no proper name are passed over. False with kErrorDamaged if the table ends in records
-  // that run past its section; `tags` then holds those before.
+  // have no proper name are passed over, as are all but the first of one name. False with
+  // kErrorDamaged if the table ends in records that run past its section; `tags` then holds those
+  // before.
   bool List(std::vector<CTagImage>& tags);
 
   bool Get(std::string_view strTag, CTagImage& tag);
@@ -58,6 +59,7 @@ class KVL_API CTableOwner {
   }
 
  private:
+  bool LockOrMake();
   bool Lay(const CTagSet& tags, bool bReplace);
   bool Check(bool bDone, uint32_t dwCode);
 

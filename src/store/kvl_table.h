@@ -33,7 +33,7 @@ typedef struct kvl_tag kvl_tag;
 enum {
   KVL_OK = 0,
   KVL_NOT_FOUND = 2,     /* no such table, or no such tag in it, or no more */
-  KVL_ACCESS_DENIED = 5, /* the table is another user's */
+  KVL_ACCESS_DENIED = 5, /* the table's folder is not this user's own */
   KVL_NO_MEMORY = 8,
   KVL_WRONG_TYPE = 13,    /* the tag does not hold what was asked for */
   KVL_BAD_PARAMETER = 87, /* a pointer is null */
@@ -55,8 +55,8 @@ enum {
 /* What a code means, in English. Never null; valid for ever. */
 KVL_API const char* kvl_error_text(int code);
 
-/* Opens a table that is there; none is made. When the table is removed and laid anew, what is
- * open goes over to the new one by itself. Close the result with kvl_table_close. */
+/* Opens a table of this user's that is there; none is made. When the table is removed and laid
+ * anew, what is open goes over to the new one by itself. Close the result with kvl_table_close. */
 KVL_API int kvl_table_open(const char* name, kvl_table** table);
 
 /* Closes a table and all its tags. Null is let pass. */

@@ -24,7 +24,7 @@ bool StoreNumber(std::string_view strText, std::vector<uint8_t>& payload, std::s
   TParsed value{};
   if (!ParseNumber(strText, value) || value < std::numeric_limits<TStored>::lowest() ||
       value > std::numeric_limits<TStored>::max() || value != value) {
-    strFault.assign("'").append(strText).append("' is no number that the tag can hold");
+    strFault = std::string(1, '\'').append(strText) + "' is no number that the tag can hold";
     return false;
   }
   StoreAt(payload.data(), static_cast<TStored>(value));

@@ -102,12 +102,13 @@ class TableTest(unittest.TestCase):
     def test_refusals_say_what_to_do(self):
         self.create()
         bad = self.file("bad.tags", f"{LEVEL} float\n{LEVEL} byte\nX\nY text 0\n")
-        other = TABLE + " 2"
+        other = TABLE + " it's"
+        quoted = "'" + TABLE + " it'\\''s'"
         for arguments, exit_code, said in [
-            (["show", other], 1, f"kvl table create {other} --tags FILE"),
+            (["show", other], 1, f"kvl table create {quoted} --tags FILE"),
             (["remove", other], 1, other),
-            (["get", TABLE, "NONE"], 1, f"kvl table show {TABLE}"),
-            (["set", TABLE, "NONE", "1"], 1, f"kvl table show {TABLE}"),
+            (["get", TABLE, "NONE"], 1, f"kvl table show '{TABLE}'"),
+            (["set", TABLE, "NONE", "1"], 1, f"kvl table show '{TABLE}'"),
             (["set", TABLE, WORD, "32768"], 1, "32768"),
             (["set", TABLE, MODE, "-1"], 1, "-1"),
             (["set", TABLE, LEVEL, "nan"], 1, "nan"),
@@ -119,7 +120,7 @@ class TableTest(unittest.TestCase):
             (["create", other], 2, "--tags"),
             (["show", "\N{SNOWMAN}"], 2, "\N{SNOWMAN}"),
             (["show", ""], 2, "''"),
-            (["watch", other], 1, f"kvl table create {other} --tags FILE"),
+            (["watch", other], 1, f"kvl table create {quoted} --tags FILE"),
             (["watch", TABLE, LEVEL, "NONE"], 1, "NONE"),
             (["get", TABLE], 2, "TAG"),
             ([], 2, "subcommand"),
@@ -197,7 +198,7 @@ class TableTest(unittest.TestCase):
     def test_damaged_tables_end_no_command_but_in_order(self):
         self.create()
         section = OBJECTS / (TABLE.replace(" ", "%20") + ".section")
-        for offset, data in [(0, b"\xff" * 8), (4, b"\0" * 4), (8, b"\xff" * 300), (88, b"\xff" * 4),
+        for offset, data in [(0, b"\xff" * 8), (0, b"\0" * 8), (4, b"\4\0\0\0"), (4, b"\0" * 4), (8, b"\xff" * 300), (88, b"\xff" * 4),
                              (124, b"\x04\xff\xff"), (0, os.urandom(400))]:
             with self.subTest(offset=offset, data=data):
                 self.create("--replace")
@@ -207,8 +208,18 @@ class TableTest(unittest.TestCase):
                 for command in (["show", TABLE], ["get", TABLE, MODE], ["set", TABLE, MODE, "1"],
                                 ["watch", TABLE, "NONE"]):
                     self.assertIn(kvl.run("table", *command).returncode, (0, 1), command)
-                with open(section, "r+b") as file:
-                    file.write(b"\0\0\0\0\0\0\xa0\0")
+        os.truncate(section, 7)
+        self.assertIn(f"kvl table remove '{TABLE}'", self.table("show", TABLE, exit_code=1))
+        self.table("remove", TABLE)
+        self.create()
+        os.unlink(section.with_name(section.stem + "_Sync.semaphore"))
+        self.assertIn(STATUS, self.table("show", TABLE))
+
+    def test_a_name_that_is_too_long_leaves_nothing(self):
+        for name in ("/" * 80, "x" * 239):
+            said = self.table("create", name, "--tags", self.tags, exit_code=1)
+            self.assertIn("the name is too long", said)
+            self.assertEqual([f for f in os.listdir(OBJECTS) if f.startswith((name, "%2F%2F"))], [])
 
     def test_replay_lays_a_private_table(self):
         script = self.file("script.kvl", SCRIPT)
@@ -247,7 +258,7 @@ class TableTest(unittest.TestCase):
                 return live.process.stderr.read().decode(), tables
 
         said, tables = warnings(script)
-        self.assertIn(f"kvl table create {TABLE} --tags FILE", said)
+        self.assertIn(f"kvl table create '{TABLE}' --tags FILE", said)
         self.assertEqual(tables, [TABLE])  # the session made it, for its owner to lay
         self.create()
         said, tables = warnings(script)

@@ -36,6 +36,7 @@ class CTestOwner : public CEngineOwner {
   void OnPut(std::string_view tag, std::span<const uint8_t> payload) override {
     m_events.push_back(fmt::format("put {} {}", tag, Hex(payload)));
   }
+  bool ListensToPuts() const override { return true; }
 
   static constexpr int32_t kStopValue = 99;  // SYNC with it lets the run flag fall
   std::vector<std::string> m_events;

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
+#include <cstdlib>
 #include <thread>
 
 #include "store/child.h"
@@ -74,25 +74,6 @@ TEST_F(CReaderTest, ReadsValuesByType) {
             std::string(bytes, size));
 }
 
-TEST_F(CReaderTest, RefusesNullPointers) {
-  kvl_table* table = nullptr;
-  kvl_tag* tag = nullptr;
-  size_t size = 0;
-  double number = 0;
-  int type = 0;
-  char text[8];
-  for (const int code :
-       {kvl_table_open(nullptr, &table), kvl_table_open("T", nullptr),
-        kvl_table_tag(nullptr, "T", &tag), kvl_tag_info(nullptr, &type, &size),
-        kvl_tag_read(nullptr, text, 8, &size), kvl_tag_read_number(nullptr, &number),
-        kvl_tag_read_text(nullptr, text, 8), kvl_tag_wait(nullptr, 0)}) {
-    EXPECT_EQ(KVL_BAD_PARAMETER, code);
-  }
-  EXPECT_STREQ("", kvl_tag_name(nullptr));
-  kvl_tag_close(nullptr);
-  kvl_table_close(nullptr);
-}
-
 TEST_F(CReaderTest, RefusesWhatIsNotThere) {
   kvl_table* pTable = nullptr;
   kvl_tag* pTag = nullptr;
@@ -104,6 +85,32 @@ TEST_F(CReaderTest, RefusesWhatIsNotThere) {
   EXPECT_STREQ("unknown error", kvl_error_text(-1));
   kvl_table_close(nullptr);
   kvl_tag_close(nullptr);
+}
+
+TEST_F(CReaderTest, NullPointersAreRefused) {
+  kvl_tag* pTag = m_pFloat;
+  int type = 0;
+  size_t size = 0;
+  double number = 0;
+  char text[8];
+  const int codes[] = {kvl_table_open(nullptr, &m_pTable),
+                       kvl_table_open("x", nullptr),
+                       kvl_table_tag(nullptr, "x", &pTag),
+                       kvl_table_tag(m_pTable, nullptr, &pTag),
+                       kvl_table_tag(m_pTable, m_strFloat.c_str(), nullptr),
+                       kvl_tag_info(nullptr, &type, &size),
+                       kvl_tag_info(m_pFloat, nullptr, &size),
+                       kvl_tag_info(m_pFloat, &type, nullptr),
+                       kvl_tag_read(nullptr, text, sizeof text, &size),
+                       kvl_tag_read(m_pFloat, nullptr, sizeof text, &size),
+                       kvl_tag_read(m_pFloat, text, sizeof text, nullptr),
+                       kvl_tag_read_number(nullptr, &number),
+                       kvl_tag_read_number(m_pFloat, nullptr),
+                       kvl_tag_read_text(nullptr, text, sizeof text),
+                       kvl_tag_read_text(m_pText, nullptr, sizeof text),
+                       kvl_tag_wait(nullptr, 0)};
+  for (const int code : codes) EXPECT_EQ(KVL_BAD_PARAMETER, code) << &code - codes;
+  EXPECT_STREQ("", kvl_tag_name(nullptr));
 }
 
 TEST_F(CReaderTest, WaitTellsOfEachNewValue) {
@@ -167,16 +174,20 @@ TEST_F(CReaderTest, ManyThreadsShareOneTable) {
 
 class CExampleTest : public CReaderTest {
  protected:
-  // What a program prints when the tag is set to 2.5 once it has printed the first value.
-  std::string Follow(const std::string& strCommand) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> pOutput(popen(strCommand.c_str(), "r"), pclose);
-    if (!pOutput) return {};
+  // What a program prints when the tag is set to 2.5 once it has printed the first value. With the
+  // second value it may be interrupted.
+  std::string Follow(const std::string& strCommand, bool bInterrupt = false) {
+    FILE* const pOutput = popen(("echo $$; exec " + strCommand).c_str(), "r");
+    char szLine[256] = "";
+    if (pOutput == nullptr || fgets(szLine, sizeof szLine, pOutput) == nullptr) return {};
+    const pid_t nProcess = atoi(szLine);
     std::string strOutput;
-    char szLine[256];
-    while (fgets(szLine, sizeof szLine, pOutput.get()) != nullptr) {
-      if (strOutput.empty()) Set(m_strFloat, "2.5");
+    for (int nLine = 1; fgets(szLine, sizeof szLine, pOutput) != nullptr; ++nLine) {
       strOutput += szLine;
+      if (nLine == 1) Set(m_strFloat, "2.5");
+      if (nLine == 2 && bInterrupt) kill(nProcess, SIGINT);
     }
+    EXPECT_EQ(0, pclose(pOutput));
     return strOutput;
   }
 };
@@ -195,6 +206,11 @@ TEST_F(CExampleTest, InPythonFollowsATag) {
       m_strFloat + " 1.5\n" + m_strFloat + " 2.5\n",
       Follow("python3 " TABLE_READER_PY " --library " KVL_LIBRARY " --count 2 --timeout 10000 " +
              m_table.Name() + " " + m_strFloat));
+  // Ctrl-C while it waits for a third.
+  EXPECT_EQ(m_strFloat + " 2.5\n" + m_strFloat + " 2.5\n",
+            Follow("python3 " TABLE_READER_PY " --library " KVL_LIBRARY " " + m_table.Name() + " " +
+                       m_strFloat + " 2>&1",
+                   true));
 }
 
 }  // namespace

@@ -71,6 +71,8 @@ TEST(CSharedMemoryOpening, FailuresLeaveTheStoreClosed) {
     uint32_t m_dwError;
   } cases[] = {{"", kSize, EOpenMode::kOpenOrCreate, kErrorInvalidName},
                {std::string(300, 'x'), kSize, EOpenMode::kOpenOrCreate, kErrorNameTooLong},
+               {std::string(239, 'x'), kSize, EOpenMode::kOpenOrCreate, kErrorNameTooLong},
+               {std::string(80, '/'), kSize, EOpenMode::kOpenOrCreate, kErrorNameTooLong},
                {"nothing there", kSize, EOpenMode::kOpenExisting, kErrorNotFound},
                {"too small", 7, EOpenMode::kOpenOrCreate, kErrorBadParameter}};
   for (const auto& row : cases) {
@@ -212,7 +214,7 @@ TEST_F(CSharedMemoryTest, FollowsAnOwnerWhoChangesTheTable) {
       // An owner who forgets to count is noticed where the record isn't what it was.
       {{strA, strB}, false, "b1"},
       {{strA, strC}, false, "error 2"},
-      {{strB, strC}, false, "b1"},
+      {{strB, strC}, true, "b1"},
       {{strB}, false, "b1"},
       {{}, false, "error 2"},
   };
@@ -221,6 +223,16 @@ TEST_F(CSharedMemoryTest, FollowsAnOwnerWhoChangesTheTable) {
     EXPECT_EQ(step.m_strB, Read("B"));
     EXPECT_EQ(step.m_strB, Read("B"));
   }
+}
+
+// A script may name a tag that its table lacks, at every pass.
+TEST_F(CSharedMemoryTest, DoesNotWalkForTheSameMissAgain) {
+  Lay({RecordBytes(u"VALUE", "abcdefgh")});
+  EXPECT_EQ("error 2", Read("NONE"));
+  Lay({RecordBytes(u"NONE", "abcdefgh")}, false);
+  EXPECT_EQ("error 2", Read("NONE")) << "only a walk could have found it";
+  Lay({RecordBytes(u"NONE", "abcdefgh")});
+  EXPECT_EQ("abcdefgh", Read("NONE"));
 }
 
 TEST_F(CSharedMemoryTest, RefusesRecordsBeyondTheSection) {

@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "platform/last_error.h"
 #include "platform/posix/named_place.h"
@@ -30,12 +31,12 @@ uint32_t CountOf(uint32_t nWord) {
   return nWord / kCountStep;
 }
 
-// Sets the word and counts; true if sleepers are to be woken. They stay announced until they are,
-// so that the next setter wakes those whom one that dies in between has left asleep.
+// Sets the word and counts; true if sleepers are to be woken. Their bit stays until they are, so
+// that the next setter wakes them if this one dies in between.
 bool SetWord(uint32_t& word) {
   std::atomic_ref shared(word);
   uint32_t nOld = shared.load();
-  while (!shared.compare_exchange_weak(nOld, ((nOld & ~kSetBit) + kCountStep) | kSetBit)) {
+  while (!shared.compare_exchange_weak(nOld, (nOld + kCountStep) | kSetBit)) {
   }
   return (nOld & kSleeperBit) != 0;
 }
@@ -48,9 +49,10 @@ bool AnnounceSleeper(uint32_t& word, uint32_t& nSeen) {
   return true;
 }
 
-// Withdraws the announcement and wakes, in one step.
+// Clears the sleepers' bit and wakes them, in one step of the system's.
 void WakeSleepers(uint32_t& word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE_OP, INT_MAX, nullptr, &word,
+  constexpr long kOnNobodyElse = 0;
+  syscall(SYS_futex, &word, FUTEX_WAKE_OP, INT_MAX, kOnNobodyElse, &word,
           FUTEX_OP(FUTEX_OP_ANDN, kSleeperBit, FUTEX_OP_CMP_EQ, 0));
 }
 
@@ -61,12 +63,11 @@ class CDeadline {
     using std::chrono::steady_clock;
     constexpr std::chrono::hours kBeyondAnyWait(24 * 365 * 100);
     if (timeout > kBeyondAnyWait) return;
-    const auto end = steady_clock::now() + timeout;
+    const auto end = steady_clock::now() + std::max(timeout, std::chrono::milliseconds(0));
     const auto nanoseconds =
         std::chrono::duration_cast<std::chrono::nanoseconds>(end.time_since_epoch()).count();
-    const auto sinceStart = std::max<int64_t>(nanoseconds, 0);  // a futex knows no time before
-    m_end = timespec{static_cast<time_t>(sinceStart / 1000000000),
-                     static_cast<long>(sinceStart % 1000000000)};
+    m_end = timespec{static_cast<time_t>(nanoseconds / 1000000000),
+                     static_cast<long>(nanoseconds % 1000000000)};
   }
   const timespec* Get() const { return m_end ? &*m_end : nullptr; }
 
@@ -159,7 +160,13 @@ class CEventPage {
     announced.store(1);
   }
 
-  void MarkRemoved() { std::atomic_ref(m_pShared->m_nRemoved).store(1); }
+  // Ends the waits for it for good. Whoever dies within leaves the rest to the next caller.
+  void Retire(CEventBell& bell) {
+    std::atomic_ref(m_pShared->m_nRemoved).store(1);
+    SetWord(Word());
+    WakeSleepers(Word());
+    if (bell.Ring()) WakeSleepers(bell.Word());
+  }
 
   // Waits until `isDue` accepts the word.
   template <class IsDue>
@@ -192,8 +199,9 @@ CNamedEvent::CNamedEvent(std::string_view strName, EAudience audience)
       return;
     }
     // Its remover has marked it and is about to take the name away, or has died before that.
-    m_pPage.reset();
     const CObjectLock lock(file);
+    m_pPage->Retire(*m_pBell);
+    m_pPage.reset();
     RemoveObject(strName, EObjectKind::kEvent, audience, IdOf(file));
   }
   m_dwError = kErrorGeneral;
@@ -241,13 +249,18 @@ bool CNamedEvent::Remove(std::string_view strName, EAudience audience) {
       OpenObject(strName, EObjectKind::kEvent, EOpenMode::kOpenExisting, audience, dwError);
   const auto pPage = CEventPage::Map(file, dwError);
   if (!pPage) return false;
-  const CObjectLock lock(file);
-  pPage->MarkRemoved();
-  SetWord(pPage->Word());
-  WakeSleepers(pPage->Word());
   const auto pBell = CEventBell::Of(audience, dwError);
-  if (pBell && pBell->Ring()) WakeSleepers(pBell->Word());
+  if (!pBell) return false;
+  const CObjectLock lock(file);
+  pPage->Retire(*pBell);
   return RemoveObject(strName, EObjectKind::kEvent, audience, IdOf(file));
+}
+
+void CNamedEvent::Remove(std::span<const std::string> names, EAudience audience) {
+  const std::vector<std::string> there = ObjectNames(EObjectKind::kEvent, audience);
+  for (const std::string& strName : names) {
+    if (std::ranges::binary_search(there, strName)) Remove(strName, audience);
+  }
 }
 
 CEventTrigger::CEventTrigger(std::string_view strName, EAudience audience)

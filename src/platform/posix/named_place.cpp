@@ -183,17 +183,24 @@ std::string NameOfFile(std::string_view strFile, EObjectKind kind) {
 
 std::vector<std::string> ObjectNames(EObjectKind kind, EAudience audience) {
   std::vector<std::string> names;
+  const auto Add = [&](std::string_view strFile) {
+    std::string strName = NameOfFile(strFile, kind);
+    if (!strName.empty()) names.push_back(std::move(strName));
+  };
+  if (audience == EAudience::kThisProcess) {
+    CPrivateObjects& objects = PrivateObjects();
+    const std::lock_guard lock(objects.m_mutex);
+    for (const auto& [strFile, nFile] : objects.m_files) Add(strFile);
+    std::ranges::sort(names);
+    return names;
+  }
   uint32_t dwError = 0;
-  if (audience == EAudience::kThisProcess) return names;
   CObjectFile folder = OpenFolder(PlaceOf(audience), EOpenMode::kOpenExisting, audience, dwError);
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(folder ? fdopendir(folder.Get()) : nullptr,
                                                     closedir);
   if (!entries) return names;
   folder.Detach();
-  while (const dirent* entry = readdir(entries.get())) {
-    std::string strName = NameOfFile(entry->d_name, kind);
-    if (!strName.empty()) names.push_back(std::move(strName));
-  }
+  while (const dirent* entry = readdir(entries.get())) Add(entry->d_name);
   std::ranges::sort(names);
   return names;
 }

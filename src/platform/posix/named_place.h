@@ -42,8 +42,7 @@ class CObjectFile {
 // `dwError`, for a name that is empty or too long.
 std::string ObjectFileName(std::string_view strName, EObjectKind kind, uint32_t& dwError);
 
-// The names of the objects of that kind, in the order of their bytes; those of kThisProcess are not
-// told.
+// The names of the objects of that kind, in the order of their bytes.
 std::vector<std::string> ObjectNames(EObjectKind kind, EAudience audience);
 
 // Opens an object, which is made without contents if it may be. Refuses what another user has

@@ -51,6 +51,12 @@ CNamedSemaphore::~CNamedSemaphore() {
   Close();
 }
 
+uint32_t CNamedSemaphore::NameError(std::string_view strName) {
+  uint32_t dwError = 0;
+  ObjectFileName(strName, EObjectKind::kSemaphore, dwError);
+  return dwError;
+}
+
 bool CNamedSemaphore::Open() {
   m_dwError = 0;
   const CObjectFile file =
@@ -75,6 +81,7 @@ bool CNamedSemaphore::Open() {
   if (nError == 0 && mark.load() != kReady) m_dwError = kErrorInvalidData;
   if (m_dwError == 0) {
     m_pShared = pShared;
+    m_pnChangeCount = &pShared->m_nChangeCount;
     m_nDevice = IdOf(file).m_nDevice;
     m_nNumber = IdOf(file).m_nNumber;
     return true;
@@ -116,11 +123,8 @@ ETaken CNamedSemaphore::Take() {
 void CNamedSemaphore::Release() {
   if (!m_bHeld) return;
   m_bHeld = false;
+  if (m_pShared->m_nRemoved != 0) DropName();
   pthread_mutex_unlock(&m_pShared->m_mutex);
-}
-
-uint64_t CNamedSemaphore::ChangeCount() const {
-  return m_pShared->m_nChangeCount;
 }
 
 void CNamedSemaphore::CountChange() {
@@ -129,7 +133,6 @@ void CNamedSemaphore::CountChange() {
 
 void CNamedSemaphore::Remove() {
   m_pShared->m_nRemoved = 1;
-  DropName();
 }
 
 void CNamedSemaphore::DropName() {
