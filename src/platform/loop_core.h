@@ -1,12 +1,6 @@
 // What stands behind CMessageLoop, for the sources of this folder only: one io_context a thread.
 #pragma once
 
-#ifndef ASIO_STANDALONE
-#define ASIO_STANDALONE
-#endif
-#ifndef ASIO_NO_DEPRECATED
-#define ASIO_NO_DEPRECATED
-#endif
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <atomic>
@@ -62,6 +56,8 @@ class CLoopCore {
 
   // Any thread.
   bool Post(Task task);
+  // The same without a limit, for what this folder owes the loop.
+  bool PostUncounted(Task task);
   void Quit();
 
   // Runs `task` on the loop's thread and returns when it has run; from that thread itself at
@@ -76,7 +72,6 @@ class CLoopCore {
 
   static void Serve(CCall& call);
   void ServeCalls();
-  bool PostUncounted(Task task);
 
   const std::thread::id m_thread;
   const std::shared_ptr<CMailbox> m_pMailbox;

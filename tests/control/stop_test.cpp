@@ -1,6 +1,7 @@
 // Stop comes at once, whatever the script and the line are doing.
 #include "control/sync_notify.h"
 #include "session_fixtures.h"
+#include "support/silent_names.h"
 
 namespace kvl {
 namespace {
@@ -93,6 +94,12 @@ TEST_F(StopTest, OnASocket) {
   ExpectFastStop("connecting", [&] {
     Verify(TcpScript(kEcho));
     ASSERT_EQ(control.Run(), 0);
+  });
+  ExpectFastStop("looking up a name", [&] {
+    CSilentNames::Hush();
+    Verify("OPEN MEDIA TCP\nOPEN IP gauge.silent\nOPEN PORT 9\n" + std::string(kEcho));
+    ASSERT_EQ(control.Run(), 0);
+    ASSERT_TRUE(WaitFor([] { return CSilentNames::Begun() > 0; }));
   });
   ExpectFastStop("closed by the peer", [&] {
     const int before = seen.Count(ESessionStatus::Closed);

@@ -9,6 +9,7 @@
 
 #include "platform/clock.h"
 #include "support/loop_fixtures.h"
+#include "support/silent_names.h"
 
 namespace kvl {
 namespace {
@@ -202,11 +203,33 @@ TEST_F(CAsyncSocketTest, ConnectAlwaysHasAnOutcome) {
   }
 }
 
-TEST_F(CAsyncSocketTest, NamesAreLookedUpAside) {
+TEST_F(CAsyncSocketTest, NameThatIsNotAnsweredHoldsUpNobody) {
+  CSilentNames::Hush();
+  const int before = CSilentNames::Begun();
+  CTestSock first, second, gone;
+  for (CTestSock* pSock : {&first, &second, &gone}) {
+    ASSERT_TRUE(pSock->Create());
+    ASSERT_TRUE(pSock->Connect("one.silent", port));
+  }
+  std::thread([&] {
+    CTestSock sock;
+    sock.Create();
+    sock.Connect("two.silent", port);
+    WaitFor([&] { return CSilentNames::Begun() == before + 2; });
+  }).join();
+  gone.Close();
+
   ASSERT_TRUE(client.Create());
   ASSERT_TRUE(client.Connect("localhost", port));
   ASSERT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
   EXPECT_EQ(client.connects[0], 0);
+
+  CSilentNames::Answer();
+  ASSERT_TRUE(RunLoopUntil([&] { return !first.connects.empty() && !second.connects.empty(); }));
+  EXPECT_EQ(first.connects[0], 0);
+  EXPECT_EQ(second.connects[0], 0);
+  EXPECT_TRUE(gone.connects.empty());
+  EXPECT_EQ(CSilentNames::Begun(), before + 2) << "one look-up a name";
 }
 
 TEST_F(CAsyncSocketTest, ResetCarriesItsCodeToTheClose) {

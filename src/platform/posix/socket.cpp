@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/posix/name_lookup.h"
 #include "platform/posix/socket_error.h"
 #include "platform/posix/socket_impl.h"
 
@@ -141,7 +142,6 @@ void CAsyncSocket::Impl::End() {
   DropSocket();
   acceptor.reset();
   pending.reset();
-  resolver.reset();
   timer.reset();
   endpoints.clear();
   state = State::kIdle;
@@ -209,14 +209,17 @@ void CAsyncSocket::Impl::Connect(const std::string& strHost, uint32_t nPort) {
     asio::post(pLoop->Io(), Handler([this] { TryNext(0); }));
     return;
   }
-  resolver.emplace(pLoop->Io());
-  resolver->async_resolve(
-      strHost, std::to_string(port), Tcp::resolver::numeric_service,
-      Handler([this](const std::error_code& failure, const Tcp::resolver::results_type& results) {
-        endpoints.assign(results.begin(), results.end());
-        std::reverse(endpoints.begin(), endpoints.end());  // the next one is at the back
-        TryNext(SocketErrorCode(failure));
-      }));
+  const auto take = [this, port](const std::error_code& failure,
+                                 const std::vector<asio::ip::address>& addresses) {
+    for (const asio::ip::address& found : addresses) endpoints.emplace_back(found, port);
+    std::reverse(endpoints.begin(), endpoints.end());  // the next one is at the back
+    TryNext(SocketErrorCode(failure));
+  };
+  try {
+    LookUpName(strHost, pLoop, Handler(take));
+  } catch (const std::system_error&) {
+    FinishLater(kSockErrNoBuffers);
+  }
 }
 
 void CAsyncSocket::Impl::FinishLater(int32_t nCode) {
@@ -251,7 +254,6 @@ void CAsyncSocket::Impl::ConnectTimedOut() {
 
 void CAsyncSocket::Impl::Finish(int32_t nCode) {
   timer.reset();
-  resolver.reset();
   if (nCode != 0) {
     DropSocket();
     bBound = false;

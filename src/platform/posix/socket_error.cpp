@@ -1,10 +1,7 @@
 #include "platform/posix/socket_error.h"
 
-#include <cerrno>
-
-#include "platform/loop_core.h"
-// Asio's error categories.
 #include <asio/error.hpp>
+#include <cerrno>
 
 namespace kvl {
 

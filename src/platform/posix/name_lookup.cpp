@@ -1,0 +1,80 @@
+#include "platform/posix/name_lookup.h"
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <map>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include "platform/thread.h"
+
+namespace kvl {
+
+namespace {
+
+struct CWaiting {
+  std::shared_ptr<CLoopCore> pLoop;
+  FTakeAddresses take;
+};
+
+struct CLookups {
+  std::mutex lock;
+  std::map<std::string, std::vector<CWaiting>> names;
+};
+
+// Never destroyed: a look-up may outlast everything else.
+CLookups& Lookups() {
+  static auto* pLookups = new CLookups;
+  return *pLookups;
+}
+
+std::vector<asio::ip::address> AddressesOf(const std::string& name, std::error_code& ec) {
+  std::vector<asio::ip::address> addresses;
+  asio::io_context io;
+  for (const auto& entry : asio::ip::tcp::resolver(io).resolve(name, "", ec)) {
+    addresses.push_back(entry.endpoint().address());
+  }
+  return addresses;
+}
+
+void LookUp(const std::string& name) noexcept {
+  SetThreadName("kvl look-up");
+  std::error_code ec;
+  std::vector<asio::ip::address> addresses;
+  try {
+    addresses = AddressesOf(name, ec);
+  } catch (const std::exception&) {
+    ec = asio::error::no_memory;
+  }
+  decltype(CLookups::names)::node_type answered;
+  {
+    CLookups& lookups = Lookups();
+    const std::lock_guard guard(lookups.lock);
+    answered = lookups.names.extract(name);
+  }
+  for (CWaiting& waiting : answered.mapped()) {
+    // Moved, so that what the taker keeps alive is let go of on its own thread.
+    waiting.pLoop->PostUncounted(
+        [take = std::move(waiting.take), ec, addresses] { take(ec, addresses); });
+  }
+}
+
+}  // namespace
+
+void LookUpName(const std::string& name, std::shared_ptr<CLoopCore> pLoop, FTakeAddresses take) {
+  CLookups& lookups = Lookups();
+  const std::lock_guard guard(lookups.lock);
+  const auto [entry, isNew] = lookups.names.try_emplace(name);
+  entry->second.push_back({std::move(pLoop), std::move(take)});
+  if (!isNew) return;
+  try {
+    std::thread([name] { LookUp(name); }).detach();
+  } catch (...) {
+    lookups.names.erase(entry);
+    throw;
+  }
+}
+
+}  // namespace kvl
