@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <utility>
 
 #include "cli/capture.h"
 #include "cli/commands.h"
@@ -34,20 +35,41 @@ std::vector<CBatch> BatchesOfHex(const std::vector<std::string>& texts) {
   return batches;
 }
 
-// The next batch of the stream as it is cut, or false at its end.
-bool ReadBatch(std::istream& stream, const CBatchOptions& options, CBatch& batch) {
-  if (options.m_bLines) {
+// Cuts what a stream brings into batches.
+class CCutter {
+ public:
+  // `ahead` holds bytes that were taken from the stream already, and no LF.
+  CCutter(std::istream& stream, std::string ahead, const CBatchOptions& options)
+      : m_stream(stream), m_ahead(std::move(ahead)), m_options(options) {}
+
+  // The next batch, or false at the end.
+  bool Next(CBatch& batch) { return m_options.m_bLines ? NextLine(batch) : NextChunk(batch); }
+
+ private:
+  bool NextLine(CBatch& batch) {
     std::string line;
-    if (!std::getline(stream, line)) return false;
-    if (!stream.eof()) line += '\n';
+    const bool more = static_cast<bool>(std::getline(m_stream, line));
+    line.insert(0, std::exchange(m_ahead, {}));
+    if (more && !m_stream.eof()) line += '\n';
     batch.assign(line.begin(), line.end());
-    return true;
+    return !batch.empty();
   }
-  batch.resize(options.m_nChunk);
-  stream.read(reinterpret_cast<char*>(batch.data()), static_cast<std::streamsize>(batch.size()));
-  batch.resize(static_cast<size_t>(stream.gcount()));
-  return !batch.empty();
-}
+
+  bool NextChunk(CBatch& batch) {
+    const size_t ahead = std::min(m_ahead.size(), m_options.m_nChunk);
+    batch.assign(m_ahead.begin(), m_ahead.begin() + static_cast<std::ptrdiff_t>(ahead));
+    m_ahead.erase(0, ahead);
+    batch.resize(m_options.m_nChunk);
+    m_stream.read(reinterpret_cast<char*>(batch.data() + ahead),
+                  static_cast<std::streamsize>(batch.size() - ahead));
+    batch.resize(ahead + static_cast<size_t>(m_stream.gcount()));
+    return !batch.empty();
+  }
+
+  std::istream& m_stream;
+  std::string m_ahead;
+  const CBatchOptions& m_options;
+};
 
 void WaitUntil(int64_t microseconds, int64_t startMs) {
   const int64_t left = startMs + microseconds / 1000 - GetTickCount();
@@ -68,8 +90,9 @@ void ReplayCapture(std::istream& stream, const CBatchOptions& options,
     pass(WithoutZeros(std::move(record.m_bytes)));
   }
   std::istringstream whole(all);
+  CCutter cutter(whole, {}, options);
   CBatch batch;
-  while (options.m_bCut && ReadBatch(whole, options, batch)) pass(WithoutZeros(batch));
+  while (options.m_bCut && cutter.Next(batch)) pass(WithoutZeros(batch));
 }
 
 }  // namespace
@@ -81,7 +104,7 @@ void ForEachBatch(const CBatchOptions& options, const std::function<void(const C
     std::ranges::for_each(batches, pass);
     return;
   }
-  std::ios::sync_with_stdio(false);  // so that standard input can be looked at and put back
+  std::ios::sync_with_stdio(false);  // standard input is read as a whole file is
   std::ifstream file;
   if (options.m_input != "-") file.open(options.m_input, std::ios::binary);
   std::istream& stream = options.m_input == "-" ? std::cin : file;
@@ -90,7 +113,8 @@ void ForEachBatch(const CBatchOptions& options, const std::function<void(const C
     throw CCommandError(kUsage, fmt::format("'{}' can't be read", options.m_input));
   };
   if (stream.bad() || (!stream.eof() && stream.fail())) refuse();
-  if (SkipCaptureHead(stream)) {
+  std::string taken;
+  if (SkipCaptureHead(stream, taken)) {
     ReplayCapture(stream, options, pass);
     return;
   }
@@ -99,8 +123,9 @@ void ForEachBatch(const CBatchOptions& options, const std::function<void(const C
                                             "none",
                                             options.m_input));
   }
+  CCutter cutter(stream, std::move(taken), options);
   CBatch batch;
-  while (ReadBatch(stream, options, batch)) pass(WithoutZeros(batch));
+  while (cutter.Next(batch)) pass(WithoutZeros(batch));
   if (stream.bad()) refuse();
 }
 

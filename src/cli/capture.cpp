@@ -23,25 +23,23 @@ CCaptureFile::~CCaptureFile() {
   std::fclose(m_pFile);
 }
 
-void CCaptureFile::Write(int64_t microseconds, std::span<const uint8_t> bytes) {
+bool CCaptureFile::Write(int64_t microseconds, std::span<const uint8_t> bytes) {
   const std::string line = fmt::format("{} {}\n", microseconds, ToHex(bytes));
   const std::lock_guard lock(m_cs);
+  if (!m_bWhole) return true;
   // At once, so that a capture is of use when the power fails.
-  const bool written = std::fwrite(line.data(), 1, line.size(), m_pFile) == line.size();
-  m_bWhole = written && std::fflush(m_pFile) == 0 && m_bWhole;
+  m_bWhole =
+      std::fwrite(line.data(), 1, line.size(), m_pFile) == line.size() && std::fflush(m_pFile) == 0;
+  return m_bWhole;
 }
 
-bool SkipCaptureHead(std::istream& stream) {
+bool SkipCaptureHead(std::istream& stream, std::string& taken) {
   const std::string head = std::string(kCaptureHead) + "\n";
-  size_t equal = 0;
-  while (equal < head.size() && stream.peek() == head[equal]) {
-    stream.get();
-    ++equal;
+  while (taken.size() < head.size() && stream.peek() == head[taken.size()]) {
+    taken += static_cast<char>(stream.get());
   }
-  if (equal == head.size()) return true;
   stream.clear();
-  while (equal > 0) stream.putback(head[--equal]);
-  return false;
+  return taken == head;
 }
 
 bool ReadCaptureRecord(std::istream& stream, CCaptureRecord& record) {

@@ -23,7 +23,9 @@ class CCaptureFile {
   CCaptureFile(const CCaptureFile&) = delete;
   CCaptureFile& operator=(const CCaptureFile&) = delete;
 
-  void Write(int64_t microseconds, std::span<const uint8_t> bytes);
+  // False when the record can't be written in full. The capture ends there: what follows a gap
+  // would be taken for what came behind it.
+  bool Write(int64_t microseconds, std::span<const uint8_t> bytes);
 
   // False if something could not be written.
   bool IsWhole() const { return m_bWhole; }
@@ -39,8 +41,9 @@ struct CCaptureRecord {
   std::vector<uint8_t> m_bytes;
 };
 
-// Whether the stream stands at the beginning of a capture; if so, moves behind its first line.
-bool SkipCaptureHead(std::istream& stream);
+// Whether the stream stands at the beginning of a capture; if so, moves behind its first line. If
+// not, `taken` gets the bytes that had to be taken from the stream to tell: a pipe takes none back.
+bool SkipCaptureHead(std::istream& stream, std::string& taken);
 
 // The next record, or false at the end. A last line without its line end, as a power failure leaves
 // it, is left out with a word on standard error. Throws CCommandError for a line that is no record.

@@ -58,7 +58,7 @@ class CChecker {
   CChecker(const CCheckOptions& options, const CContext& context)
       : m_options(options),
         m_language(LanguageOf(options.m_language)),
-        m_painter(context.m_color, CPainter::EStream::Error) {}
+        m_painter(context.m_color, EPrintStream::kError) {}
 
   void Check(const std::string& script) {
     CKVLSyntax syntax;

@@ -153,7 +153,7 @@ bool PassesVerification(const std::string& script, std::string_view text, const 
   CKVLSyntax syntax;
   syntax._CompileMainScript1(syntax.LoadText(text));
   syntax._VerifyMainScript();
-  PrintFaults(script, syntax, LanguageOf(""), CPainter(context.m_color, CPainter::EStream::Error));
+  PrintFaults(script, syntax, LanguageOf(""), CPainter(context.m_color, EPrintStream::kError));
   return syntax.GetErrorCount() == 0;
 }
 

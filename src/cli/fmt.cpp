@@ -62,7 +62,7 @@ int Fmt(const CFmtOptions& options, const CContext& context) {
     }
     scripts.push_back(LayOut(path));
   }
-  const CPainter painter(context.m_color, CPainter::EStream::Error);
+  const CPainter painter(context.m_color, EPrintStream::kError);
   bool changed = false;
   for (const CLaidOut& script : scripts) {
     changed = changed || script.m_bChanged;

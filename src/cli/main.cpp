@@ -16,7 +16,7 @@ namespace {
 using namespace kvl::cli;
 
 void PrintError(const CContext& context, std::string_view message) {
-  const CPainter painter(context.m_color, CPainter::EStream::Error);
+  const CPainter painter(context.m_color, kvl::EPrintStream::kError);
   fmt::print(stderr, "kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), message);
 }
 

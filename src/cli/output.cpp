@@ -10,7 +10,6 @@
 #include <ctime>
 
 #include "cli/commands.h"
-#include "platform/terminal.h"
 #include "platform/text_encoding.h"
 
 namespace kvl::cli {
@@ -94,30 +93,34 @@ std::string ShellWord(std::string_view text) {
 }
 
 std::string Printable(std::string_view bytes) {
-  std::string text;
-  for (const char c : Utf8FromCp949(bytes)) {
+  return PrintableUtf8(Utf8FromCp949(bytes));
+}
+
+std::string PrintableUtf8(std::string_view text) {
+  std::string shown;
+  for (const char c : text) {
     switch (c) {
       case '\r':
-        text += "\\r";
+        shown += "\\r";
         break;
       case '\n':
-        text += "\\n";
+        shown += "\\n";
         break;
       case '\t':
-        text += "\\t";
+        shown += "\\t";
         break;
       case '\\':
-        text += "\\\\";
+        shown += "\\\\";
         break;
       default:
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-          text += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
+          shown += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
         } else {
-          text += c;
+          shown += c;
         }
     }
   }
-  return text;
+  return shown;
 }
 
 size_t WidthOf(std::string_view utf8) {
@@ -149,11 +152,10 @@ std::string TimeText(int64_t microseconds) {
                      microseconds / 1000 % 1000);
 }
 
-CPainter::CPainter(const std::string& color, EStream stream) {
+CPainter::CPainter(const std::string& color, EPrintStream stream) {
   const char* noColor = std::getenv("NO_COLOR");
   const bool unwanted = noColor != nullptr && *noColor != '\0';
-  const bool terminal = stream == EStream::Output ? IsOutputTerminal() : IsErrorTerminal();
-  m_bOn = color == "always" || (color == "auto" && !unwanted && terminal);
+  m_bOn = color == "always" || (color == "auto" && !unwanted && IsTerminal(stream));
 }
 
 std::string CPainter::Paint(EColor color, std::string_view text) const {

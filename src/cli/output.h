@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/terminal.h"
+
 namespace kvl::cli {
 
 using CJson = nlohmann::ordered_json;
@@ -26,8 +28,11 @@ std::string ToHex(std::string_view bytes);
 // with `bytes` undefined, if anything else stands there.
 bool FromHex(std::string_view text, std::vector<uint8_t>& bytes);
 
-// Bytes for a person's eyes: text as UTF-8, control characters as \r, \n, \t or \xHH.
+// Bytes of a line or a script for a person's eyes: text as UTF-8, control characters as \r, \n, \t
+// or \xHH.
 std::string Printable(std::string_view bytes);
+// The same of a text that is UTF-8 already.
+std::string PrintableUtf8(std::string_view text);
 
 // A text as one word of a shell's command line, for advice that is pasted there: in quotes if it
 // needs them.
@@ -46,8 +51,7 @@ std::string TimeText(int64_t microseconds);
 enum class EColor { Plain, Bold, Dim, Red, Green, Cyan };
 class CPainter {
  public:
-  enum class EStream { Output, Error };
-  CPainter(const std::string& color, EStream stream);
+  CPainter(const std::string& color, EPrintStream stream);
   std::string Paint(EColor color, std::string_view text) const;
 
  private:

@@ -9,7 +9,7 @@ namespace kvl::cli {
 namespace {
 
 int ListPorts(bool json, const CContext& context) {
-  const CPainter painter(context.m_color, CPainter::EStream::Output);
+  const CPainter painter(context.m_color, EPrintStream::kOutput);
   const std::vector<SerialPortInfo> ports = ListSerialPorts();
   for (const SerialPortInfo& port : ports) {
     if (json) {

@@ -96,7 +96,7 @@ class CJsonReport : public CReplayReport {
 
 class CTextReport : public CReplayReport {
  public:
-  explicit CTextReport(const std::string& color) : m_painter(color, CPainter::EStream::Output) {}
+  explicit CTextReport(const std::string& color) : m_painter(color, EPrintStream::kOutput) {}
 
   void Out(int64_t pass, std::span<const uint8_t> bytes, int32_t interval) override {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <random>
 
@@ -11,10 +12,12 @@
 #include "cli/commands.h"
 #include "cli/diagnostics.h"
 #include "cli/output.h"
+#include "cli/printer.h"
 #include "cli/script_file.h"
 #include "cli/table_advice.h"
 #include "control/DecodeCtrl.h"
 #include "platform/clock.h"
+#include "platform/last_error.h"
 #include "platform/message_loop.h"
 #include "platform/serial.h"
 #include "platform/text_encoding.h"
@@ -49,14 +52,14 @@ class CBackoff {
   std::minstd_rand m_random{std::random_device{}()};
 };
 
-// The host of one session. Its own thread prints everything; what the worker has to say is posted
-// to it, so that a terminal that takes nothing holds up nobody else.
+// The host of one session. Whatever is to be printed while it runs goes through the printer, so
+// that a terminal or a pipe that takes nothing holds up neither the decoding nor its end.
 class CRunHost : private CDecodeCtrl, private CSessionObserver {
  public:
   CRunHost(const CRunOptions& options, const CContext& context)
       : m_options(options),
-        m_painter(context.m_color, CPainter::EStream::Output),
-        m_errors(context.m_color, CPainter::EStream::Error),
+        m_painter(context.m_color, EPrintStream::kOutput),
+        m_errors(context.m_color, EPrintStream::kError),
         m_loop(CMessageLoop::Current()) {}
 
   // The members that the worker reports to are gone before the base class could stop it.
@@ -80,12 +83,12 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     OpenCapture();
     const CInterruptWatch interrupts([this] { m_loop.Quit(); });
     m_nStart = GetTickCount();
-    if (CDecodeCtrl::Run() != 0) LineFailed(fmt::format("{} can't be opened", DeviceText()));
+    if (CDecodeCtrl::Run() != 0) LineFailed(WhyNotOpened());
     TellTable();
     m_loop.Run();
     Stop();
-    m_loop.RunUntilIdle();  // what the worker still had to say
     Summarise();
+    TellWhatIsLost();
     return m_exit;
   }
 
@@ -107,29 +110,44 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     return kFailed;
   }
 
-  void Warn(const std::string& text) const {
+  void Warn(const std::string& text) {
     if (text.empty()) return;
-    fmt::print(stderr, "kvl: {} {}\n", m_errors.Paint(EColor::Cyan, "warning:"), text);
+    m_printer.Print(EPrintStream::kError,
+                    fmt::format("kvl: {} {}\n", m_errors.Paint(EColor::Cyan, "warning:"), text));
   }
 
   void TellTable() {
     const std::string name = Utf8FromCp949(GetTableName());
     if (name.empty() || GetEngine() == nullptr) return;
     if (GetEngine()->HasTable()) {
-      Say("table", {{"name", name}}, Printable(GetTableName()), EColor::Bold);
+      Say("table", {{"name", name}}, PrintableUtf8(name), EColor::Bold);
     } else {
       Warn(fmt::format("table '{}' can't be opened, so that PUT and GET have no effect", name));
     }
   }
 
+  // UTF-8, as all texts from here on.
   std::string DeviceText() const {
-    const std::string name = GetCom().szPort;
-    const std::string device = FindSerialPort(name);
-    if (device.empty()) return name + " (no such port: see kvl ports, or map it with --port)";
-    return device == name ? name : fmt::format("{} ({})", name, device);
+    const std::string port = GetCom().szPort;
+    const std::string device = FindSerialPort(port);
+    const std::string name = Utf8FromCp949(port);
+    return device.empty() || device == port ? name : fmt::format("{} ({})", name, device);
   }
 
-  void OnStatus(ESessionStatus status, std::string_view text) override {
+  std::string WhyNotOpened() const {
+    std::string_view advice;
+    if (FindSerialPort(GetCom().szPort).empty()) {
+      advice = "there is no such port; see kvl ports, or map it with --port";
+    } else if (GetPortError() == kErrorAccessDenied) {
+      advice = "another program uses it, or you are not in the group that may (often dialout)";
+    } else {
+      advice = ErrorText(GetPortError());
+    }
+    return fmt::format("{} can't be opened: {}", DeviceText(), advice);
+  }
+
+  void OnStatus(ESessionStatus status, std::string_view told) override {
+    const std::string text = Utf8FromCp949(told);  // a host's name comes from the script
     switch (status) {
       case ESessionStatus::Opened:
         LineIsUp("opened", DeviceText());
@@ -169,8 +187,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     if (!m_options.m_bReconnect) {
       if (!reason.empty()) State("failed", reason);
       m_exit = kFailed;
-      // A pass that works on the last bytes gets the time to end.
-      m_retry.Start(kLastPassMs, [this] { m_loop.Quit(); });
+      m_retry.Start(kLastPassMs, [this] { QuitWhenDecoded(); });
       return;
     }
     // A line that takes every call and hangs up at once must not be called twice a second for ever.
@@ -180,6 +197,12 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     if (!m_bReconnecting) State("reconnecting", reason);
     m_bReconnecting = true;
     m_retry.Start(m_backoff.NextMs(), [this] { Retry(); });
+  }
+
+  // What the line brought before it went is decoded to its end, however slow the script.
+  void QuitWhenDecoded() {
+    if (HasDecodedAll()) return m_loop.Quit();
+    m_retry.Start(kLastPassMs, [this] { QuitWhenDecoded(); });
   }
 
   void Retry() {
@@ -192,13 +215,21 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
 
   void OnReceived(std::span<const uint8_t> bytes) override {
     m_nReceived += bytes.size();
-    if (m_capture) m_capture->Write((GetTickCount() - m_nStart) * 1000, bytes);
+    if (m_capture && !m_capture->Write((GetTickCount() - m_nStart) * 1000, bytes)) {
+      Warn(fmt::format("'{}' can't be written: the capture ends here",
+                       m_options.m_capture));
+    }
     if (m_options.m_bTrace) Trace("received", bytes);
   }
 
   void OnSent(std::span<const uint8_t> bytes, int32_t /*interval*/) override {
-    m_nSent += bytes.size();
+    m_nOut += bytes.size();
     if (m_options.m_bTrace) Trace("sent", bytes);
+  }
+
+  void OnUnsent(std::span<const uint8_t> bytes) override {
+    m_nUnsent += bytes.size();
+    if (m_options.m_bTrace) Trace("unsent", bytes);
   }
 
   void OnPrint(std::string_view message) override {
@@ -213,40 +244,62 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
 
   void State(const char* state, std::string_view text) {
     Say("state", {{"state", state}, {"text", text}},
-        text.empty() ? std::string(state) : fmt::format("{}: {}", state, Printable(text)),
+        text.empty() ? std::string(state) : fmt::format("{}: {}", state, PrintableUtf8(text)),
         EColor::Bold);
   }
 
-  // Has one line printed by the host's thread. Any thread.
-  void Say(const char* event, CJson fields, std::string text, EColor color) {
+  // Any thread.
+  void Say(const char* event, const CJson& fields, const std::string& text, EColor color) {
+    const std::lock_guard lock(m_csSay);  // the lines stand in the order of their times
     const int64_t now = GetWallClock();
-    const bool posted = m_loop.Post([=, this, fields = std::move(fields), text = std::move(text)] {
-      if (m_options.m_bJson) {
-        CJson object = {{"event", event}, {"time", static_cast<double>(now) / 1e6}};
-        object.update(fields);
-        PrintJson(object);
-      } else {
-        fmt::print("{}  {:<8}  {}\n", m_painter.Paint(EColor::Dim, TimeText(now)), event,
-                   m_painter.Paint(color, text));
-      }
-      std::fflush(stdout);
-    });
-    if (!posted) ++m_nUnsaid;
+    if (m_options.m_bJson) {
+      CJson object = {{"event", event}, {"time", static_cast<double>(now) / 1e6}};
+      object.update(fields);
+      PrintLine(JsonLine(object));
+    } else {
+      PrintLine(fmt::format("{}  {:<8}  {}", m_painter.Paint(EColor::Dim, TimeText(now)), event,
+                            m_painter.Paint(color, text)));
+    }
   }
 
+  void PrintLine(const std::string& line) { m_printer.Print(EPrintStream::kOutput, line + '\n'); }
+
   void Summarise() {
-    const uint64_t dropped = GetDroppedBytes();
+    const uint64_t unsaid = m_printer.LeftOut();
+    const uint64_t sent = m_nOut - m_nUnsent;
     if (m_options.m_bJson) {
-      PrintJson({{"event", "summary"},
-                 {"received", m_nReceived.load()},
-                 {"sent", m_nSent.load()},
-                 {"dropped", dropped},
-                 {"unsaid", m_nUnsaid.load()}});
-    } else {
-      fmt::print("{} bytes received, {} sent, {} dropped because the script was too slow\n",
-                 m_nReceived.load(), m_nSent.load(), dropped);
-      if (m_nUnsaid > 0)
-        fmt::print("{} lines were not printed: too many at once\n", m_nUnsaid.load());
+      PrintLine(JsonLine({{"event", "summary"},
+                          {"received", m_nReceived.load()},
+                          {"sent", sent},
+                          {"unsent", m_nUnsent.load()},
+                          {"dropped", GetDroppedBytes()},
+                          {"undecoded", GetWaitingBytes()},
+                          {"unsaid", unsaid}}));
+      return;
+    }
+    PrintLine(fmt::format("{} bytes received, {} sent, {} dropped because the script was too slow",
+                          m_nReceived.load(), sent, GetDroppedBytes()));
+    const auto tell = [this](uint64_t count, std::string_view what) {
+      if (count > 0) PrintLine(fmt::format("{} {}", count, what));
+    };
+    tell(m_nUnsent, "bytes were not sent: the line was gone or took no more");
+    tell(static_cast<uint64_t>(GetWaitingBytes()), "bytes had not been decoded when it ended");
+    tell(unsaid, "lines were not printed: too many at once");
+  }
+
+  // Ends with an error if something of what was to be kept or shown is not there.
+  void TellWhatIsLost() {
+    if (!m_printer.End(kLastWordsMs)) {
+      // Whoever holds up one stream may hold up both, and the end must not wait for it.
+      m_exit = kFailed;
+      if (!IsStreamReady(EPrintStream::kError)) return;
+      throw CCommandError(kFailed, "the last lines were not printed: nobody takes them");
+    }
+    if (m_printer.Failed() > 0) {
+      throw CCommandError(kFailed,
+                          fmt::format("{} lines were not printed: standard output can't be "
+                                      "written",
+                                      m_printer.Failed()));
     }
     if (m_capture && !m_capture->IsWhole()) {
       throw CCommandError(kFailed,
@@ -255,6 +308,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   }
 
   static constexpr int32_t kLastPassMs = 200;
+  static constexpr int32_t kLastWordsMs = 1000;
   static constexpr int32_t kSteadyMs = 10000;
 
   const CRunOptions& m_options;
@@ -271,8 +325,10 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   int64_t m_nStart = 0;
   std::optional<CCaptureFile> m_capture;
   std::atomic<uint64_t> m_nReceived{0};
-  std::atomic<uint64_t> m_nSent{0};
-  std::atomic<uint64_t> m_nUnsaid{0};
+  std::atomic<uint64_t> m_nOut{0};  // what the script's OUTs were to send
+  std::atomic<uint64_t> m_nUnsent{0};
+  std::mutex m_csSay;
+  CPrinter m_printer;
 };
 
 void MapPorts(const std::vector<std::string>& ports) {

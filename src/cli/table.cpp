@@ -76,7 +76,7 @@ int Show(const CTableOptions& options, const CContext& context) {
   if (options.m_bJson) {
     for (const CTagImage& tag : tags) PrintJson(TagJson(tag));
   } else if (!tags.empty()) {
-    PrintTags(tags, CPainter(context.m_color, CPainter::EStream::Output));
+    PrintTags(tags, CPainter(context.m_color, EPrintStream::kOutput));
   } else if (whole) {
     fmt::print(stderr, "table {} holds no tags; kvl table create {} --tags FILE lays some\n",
                options.m_table, ShellWord(options.m_table));

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdlib>
-#include <exception>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -25,6 +25,8 @@ namespace kvl::cli {
 namespace {
 
 using std::chrono::milliseconds;
+
+constexpr milliseconds kLastWords{1000};  // to be printed when the watch is to end
 
 // Writes a second, the last seconds counting most.
 class CRate {
@@ -79,7 +81,7 @@ class CWatchView {
 class CLineView : public CWatchView {
  public:
   CLineView(const CWatchOptions& options, const CContext& context)
-      : m_options(options), m_painter(context.m_color, CPainter::EStream::Output) {}
+      : m_options(options), m_painter(context.m_color, EPrintStream::kOutput) {}
 
   void Follow(const std::vector<CWatchedTag>& tags) override {
     m_nWidth = 0;
@@ -117,7 +119,7 @@ class CLineView : public CWatchView {
 class CScreenView : public CWatchView {
  public:
   explicit CScreenView(const CContext& context)
-      : m_painter(context.m_color, CPainter::EStream::Output) {}
+      : m_painter(context.m_color, EPrintStream::kOutput) {}
 
   void Follow(const std::vector<CWatchedTag>& /*tags*/) override {}
   void NewValue(const CWatchedTag& /*tag*/) override {}
@@ -190,7 +192,7 @@ class CScreenView : public CWatchView {
 std::unique_ptr<CWatchView> MakeView(const CWatchOptions& options, const CContext& context) {
   const char* terminal = std::getenv("TERM");
   const bool dumb = terminal == nullptr || std::string_view(terminal) == "dumb";
-  if (options.m_bJson || dumb || !IsOutputTerminal()) {
+  if (options.m_bJson || dumb || !IsTerminal(EPrintStream::kOutput)) {
     return std::make_unique<CLineView>(options, context);
   }
   return std::make_unique<CScreenView>(context);
@@ -365,19 +367,19 @@ int WatchTable(const CWatchOptions& options, const CContext& context) {
   CTableWatch watch(options, *view);
   CMessageLoop loop = CMessageLoop::Current();
   const CInterruptWatch interrupts([&loop] { loop.Quit(); });
-  std::exception_ptr fault;
+  std::packaged_task<void()> work([&watch] { watch.Run(); });
+  std::future<void> ended = work.get_future();
   std::thread worker([&] {
-    try {
-      watch.Run();
-    } catch (...) {
-      fault = std::current_exception();
-    }
+    work();
     loop.Quit();
   });
   loop.Run();
   watch.Stop();
+  if (ended.wait_for(kLastWords) == std::future_status::timeout) {
+    std::_Exit(kFailed);  // it hangs in a terminal or a pipe that takes nothing
+  }
   worker.join();
-  if (fault) std::rethrow_exception(fault);
+  ended.get();
   return kDone;
 }
 

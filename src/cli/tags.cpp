@@ -40,7 +40,7 @@ CTagSet ReadTagFile(const std::string& path, const CContext& context) {
   CTagSet tags;
   const std::vector<CTagFileFault> faults = ParseTagFile(text, tags);
   if (faults.empty()) return tags;
-  const CPainter painter(context.m_color, CPainter::EStream::Error);
+  const CPainter painter(context.m_color, EPrintStream::kError);
   for (const CTagFileFault& fault : faults) {
     fmt::print(stderr, "{} {} {}\n",
                painter.Paint(EColor::Bold, fmt::format("{}:{}:", path, fault.m_nLine)),

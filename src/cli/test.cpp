@@ -136,7 +136,7 @@ int Test(const CTestOptions& options, const CContext& context) {
                         "no tests found: the tests of gauge.kvl are the files of the "
                         "folder gauge.tests beside it; see kvl test --help");
   }
-  const CPainter painter(context.m_color, CPainter::EStream::Output);
+  const CPainter painter(context.m_color, EPrintStream::kOutput);
   size_t counts[3] = {};
   for (const CGoldenCase& golden : cases) {
     const COutcome outcome = RunCase(golden, context, options.m_bUpdate);

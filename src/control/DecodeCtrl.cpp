@@ -156,12 +156,14 @@ int32_t CDecodeCtrl::Run(int32_t nPort, int32_t nDataBit, int32_t nBaudRate, int
 
 int32_t CDecodeCtrl::OpenPort(CWnd* pOwner) {
   auto port = std::make_shared<CRS232Ctrl>(pOwner);
-  if (port->Open(&m_commPort) == 0) return -1;
+  m_dwPortError = port->Open(&m_commPort) == 0 ? port->GetLastError() : kErrorNone;
+  if (m_dwPortError != kErrorNone) return -1;
   m_pKVL->SetInterface(kMediaSerial);
   m_pKVL->SetLine(kMediaSerial, &m_port);
   m_port.Replace(std::move(port));
   if (!StartWorker()) {
     m_port.Replace(nullptr);
+    m_dwPortError = kErrorNoMemory;
     return -1;
   }
   m_session.Wake();  // a worker that has been without a port waits for nothing else
@@ -294,8 +296,10 @@ void CDecodeCtrl::WorkerThread(const std::string& script) noexcept {
       Turn();
       return 0;
     };
+    const int32_t result = Guarded(turn);
+    m_bDecoding.store(false, std::memory_order_release);
     // Memory may have run out. What can't be done now may be possible a little later.
-    if (Guarded(turn) != 0) m_session.m_wakeup.Wait(kRetryMs);
+    if (result != 0) m_session.m_wakeup.Wait(kRetryMs);
   }
 }
 
@@ -326,6 +330,7 @@ void CDecodeCtrl::DrainPort() {
 
 void CDecodeCtrl::RunPass() {
   uint8_t batch[CQueue::kSlots];  // one more than the queue holds, for the byte behind the batch
+  m_bDecoding.store(true, std::memory_order_release);
   const int32_t size = m_queue.GetBatch(batch, m_queue.GetSize());
   batch[size] = 0;
   m_nBusyPasses = 0;

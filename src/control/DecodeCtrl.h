@@ -7,6 +7,7 @@
 // Errors:  0 success, -1 failure.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -81,6 +82,12 @@ class KVL_API CDecodeCtrl : public CStatic {
   const COMM& GetCom() const { return m_comm; }
   const std::string& GetTableName() const { return m_strTableName; }
   bool IsConnected() const { return m_bConnected; }
+  // Why the serial port could not be opened the last time, a code of ErrorText; 0 if it could.
+  uint32_t GetPortError() const { return m_dwPortError; }
+  // What waits for a pass. The worker may take it meanwhile.
+  int32_t GetWaitingBytes() const { return m_queue.GetSize(); }
+  // Whether all that the line brought has been through a pass.
+  bool HasDecodedAll() const { return GetWaitingBytes() == 0 && !m_bDecoding; }
   // What the line brought while the queue was full, and was dropped.
   uint64_t GetDroppedBytes() const { return m_queue.GetDroppedBytes(); }
   // The last status text of a connect or close event, with its line ends.
@@ -127,12 +134,14 @@ class KVL_API CDecodeCtrl : public CStatic {
   std::thread m_thread;
   CSession m_session;
   CQueue m_queue;
+  std::atomic<bool> m_bDecoding{false};  // raised ahead of taking bytes from the queue
   std::mutex m_csQueue;  // for who puts; contended only if a host sends receive events of its own
   std::string m_strScriptName;
   COMM m_comm;
   bool m_bVerified = false;
   CLineSlot<CRS232Ctrl> m_port;
   COMM m_commPort;  // of the session's port
+  uint32_t m_dwPortError = 0;
   CLineSlot<CClientSock> m_socket;
   uint32_t m_nInterface = 1;
   std::string m_strHost;

@@ -60,6 +60,10 @@ void CSession::OnOut(std::span<const uint8_t> bytes, int32_t interval) {
   if (m_pObserver != nullptr) m_pObserver->OnSent(bytes, interval);
 }
 
+void CSession::OnUnsent(std::span<const uint8_t> bytes) {
+  if (m_pObserver != nullptr) m_pObserver->OnUnsent(bytes);
+}
+
 void CSession::OnPrint(std::string_view message) {
   if (m_pObserver != nullptr) m_pObserver->OnPrint(message);
 }

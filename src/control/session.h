@@ -28,6 +28,7 @@ class CSession : public CEngineOwner {
   void OnReceived(std::span<const uint8_t> bytes);
 
   void OnOut(std::span<const uint8_t> bytes, int32_t interval) override;
+  void OnUnsent(std::span<const uint8_t> bytes) override;
   void OnPrint(std::string_view message) override;
   void OnPut(std::string_view tag, std::span<const uint8_t> payload) override;
   bool ListensToPuts() const override { return m_pObserver != nullptr; }

@@ -21,9 +21,8 @@ enum class ESessionStatus {
 
 // Threads: OnStatus on the control's thread. OnReceived on the thread that takes the bytes from
 //          the line, never on two at once: the worker's, or the control's on a socket while the
-//          worker is busy. The others on the worker. No operation of the control may be called from
-//          OnReceived, OnSent, OnPrint and OnPut. OnStatus may call them all, but may not destroy
-//          the control.
+//          worker is busy. The others on the worker. OnStatus may call every operation of the
+//          control, but may not destroy it; the others may call none.
 // Owner:   the host's; it outlives the session.
 // Errors:  an observer does not throw. If one does, OnStatus counts as returned; the others end
 //          the pass that is under way.
@@ -39,6 +38,9 @@ class KVL_API CSessionObserver {
 
   // What an OUT is about to send.
   virtual void OnSent(std::span<const uint8_t> /*bytes*/, int32_t /*interval*/) {}
+
+  // Bytes of that OUT that the line did not take, since it is gone, full, or Stop came between.
+  virtual void OnUnsent(std::span<const uint8_t> /*bytes*/) {}
 
   virtual void OnPrint(std::string_view /*message*/) {}
   virtual void OnPut(std::string_view /*tag*/, std::span<const uint8_t> /*payload*/) {}

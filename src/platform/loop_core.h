@@ -15,6 +15,7 @@
 #include <set>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace kvl {
 
@@ -86,6 +87,9 @@ class CLoopCore {
 
 // Ends the windows of a loop, on its thread (window.cpp).
 void DestroyWindowsOf(const CLoopCore& loop);
+
+// The signals by which this system asks a program to end.
+std::vector<int> EndingSignals();
 
 // Runs a handler of the host or of the layers above; what it throws ends here.
 template <typename Handler>

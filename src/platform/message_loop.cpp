@@ -3,7 +3,6 @@
 #include <asio/post.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
-#include <csignal>
 #include <exception>
 #include <utility>
 
@@ -294,8 +293,7 @@ CInterruptWatch::CInterruptWatch(CMessageLoop::Task task) : m_pImpl(std::make_sh
   if (!m_pImpl->pLoop) return;
   m_pImpl->signals.emplace(m_pImpl->pLoop->Io());
   asio::error_code ignored;  // a signal that can't be watched keeps its ordinary effect
-  m_pImpl->signals->add(SIGINT, ignored);
-  m_pImpl->signals->add(SIGTERM, ignored);
+  for (const int number : EndingSignals()) m_pImpl->signals->add(number, ignored);
   m_pImpl->pLoop->Attach(m_pImpl.get());
   m_pImpl->Wait();
 }

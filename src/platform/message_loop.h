@@ -70,8 +70,9 @@ class KVL_API CTimer {
   std::shared_ptr<Impl> m_pImpl;
 };
 
-// Calls a task on the thread that made the object, each time the user presses Ctrl-C or the
-// system asks the program to end. The program then goes on as long as one such object lives.
+// Calls a task on the thread that made the object, each time the user presses Ctrl-C, the system
+// asks the program to end, or the program's terminal goes away (unless it was started with nohup).
+// The program then goes on as long as one such object lives.
 class KVL_API CInterruptWatch {
  public:
   explicit CInterruptWatch(CMessageLoop::Task task);

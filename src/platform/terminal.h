@@ -1,14 +1,23 @@
-// The terminal that the process prints to, if it does.
+// Where the process prints to.
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include "platform/api.h"
 
 namespace kvl {
 
-KVL_API bool IsOutputTerminal();
-KVL_API bool IsErrorTerminal();
+enum class EPrintStream { kOutput, kError };
+
+KVL_API bool IsTerminal(EPrintStream stream);
+
+// Writes to the stream itself, past the C library's buffer, for as long as it takes nothing. False
+// if it can't be written. Any thread.
+KVL_API bool WriteStream(EPrintStream stream, std::string_view text);
+
+// Whether the stream takes something now.
+KVL_API bool IsStreamReady(EPrintStream stream);
 
 // The size of the terminal behind standard output; 80 x 24 if it can't be told.
 struct CTerminalSize {

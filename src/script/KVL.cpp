@@ -324,24 +324,30 @@ int32_t CKVL::Bin2Dec(const char* pszText) {
 
 void CKVL::SendString(const uint8_t* pBytes, int32_t nBytes, int32_t nInterval) {
   if (nBytes <= 0) return;
+  const std::span bytes(pBytes, static_cast<size_t>(nBytes));
+  m_pParent->OnOut(bytes, nInterval);
+  size_t sent = 0;
+  if (nInterval == 0) {
+    sent = WriteLine(bytes);
+  } else {
+    for (; sent < bytes.size() && m_pParent->m_bRun != 0; ++sent) {
+      if (WriteLine(bytes.subspan(sent, 1)) == 0) m_pParent->OnUnsent(bytes.subspan(sent, 1));
+      m_pParent->Pause(nInterval, EPause::Pacing);
+    }
+  }
+  if (sent < bytes.size()) m_pParent->OnUnsent(bytes.subspan(sent));
+}
+
+// Gives how many bytes the line has taken.
+size_t CKVL::WriteLine(std::span<const uint8_t> bytes) try {
   CLine* const line = m_nInterface == kMediaSerial ? m_pSerial
                       : m_nInterface == kMediaTcp  ? m_pSocket
                                                    : nullptr;
-  const auto write = [line](const uint8_t* bytes, int32_t count) {
-    try {
-      if (line != nullptr && line->IsOpen()) line->Write(bytes, count);
-    } catch (...) {  // whatever an owner's line throws, the script goes on
-    }
-  };
-  m_pParent->OnOut({pBytes, static_cast<size_t>(nBytes)}, nInterval);
-  if (nInterval == 0) {
-    write(pBytes, nBytes);
-    return;
-  }
-  for (int32_t i = 0; i < nBytes && m_pParent->m_bRun != 0; ++i) {
-    write(pBytes + i, 1);
-    m_pParent->Pause(nInterval, EPause::Pacing);
-  }
+  if (line == nullptr || !line->IsOpen()) return 0;
+  const int32_t taken = line->Write(bytes.data(), static_cast<int32_t>(bytes.size()));
+  return std::min(static_cast<size_t>(std::max(taken, 0)), bytes.size());
+} catch (...) {  // whatever an owner's line throws, the script goes on
+  return 0;
 }
 
 void CKVL::Execute(int32_t nCommand, const CCommandTable& command) {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -153,6 +154,7 @@ class KVL_API CKVL : private CLineOutput {
   void Bind();
   void BindTag(CStep& step);
   void Unbind();
+  size_t WriteLine(std::span<const uint8_t> bytes);
   bool RunLimited();
   void RunFreely();
 

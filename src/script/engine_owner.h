@@ -32,6 +32,8 @@ class KVL_API CEngineOwner {
   // Told of what a script does to the outside, before an OUT with at least one byte goes to the
   // line, and after a message was added and a tag written. The bytes are valid during the call.
   virtual void OnOut(std::span<const uint8_t> /*bytes*/, int32_t /*interval*/) {}
+  // Behind that: bytes of the same OUT that the line did not take, in their order.
+  virtual void OnUnsent(std::span<const uint8_t> /*bytes*/) {}
   virtual void OnPrint(std::string_view /*message*/) {}
   virtual void OnPut(std::string_view /*tag*/, std::span<const uint8_t> /*payload*/) {}
 

@@ -1,5 +1,6 @@
 """Runs the built `kvl` and reads what it prints. The environment variable KVL may name it."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -9,7 +10,9 @@ import shlex
 import struct
 import subprocess
 import tempfile
+import termios
 import threading
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PATIENCE = 60  # seconds; only bounds a failing test
@@ -27,12 +30,13 @@ def run(*arguments, stdin=b"", timeout=PATIENCE):
 class Live:
     """A running command whose standard output is JSON, read event by event."""
 
-    def __init__(self, *arguments):
+    def __init__(self, *arguments, **popen):
         self.process = subprocess.Popen(
             command(*arguments),
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             stdin=subprocess.DEVNULL,
+            **popen,
         )
         self.events = []
         self.incoming = queue.Queue()
@@ -61,6 +65,13 @@ class Live:
         self.process.wait()
         self.process.stdout.close()
         self.process.stderr.close()
+
+
+def wait_until_full(pipe):
+    """Until a pipe that nobody reads takes nothing more."""
+    held = -1
+    while held != (held := struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"0000"))[0]):
+        time.sleep(0.5)
 
 
 def replay(*arguments, stdin=b""):

@@ -1,7 +1,10 @@
 """`kvl replay` itself: how INPUT becomes batches, its limits, its faults, its exit codes."""
 
+import json
 import pathlib
+import subprocess
 import tempfile
+import time
 import unittest
 
 import kvl
@@ -104,6 +107,22 @@ class ReplayTest(unittest.TestCase):
         whole = self.file("whole", b"kvl capture 1\n0 61\n")
         cut = self.file("cut", b"kvl capture 1\n0 61\n1000 6262")
         self.assertEqual(kvl.replay(script, cut), kvl.replay(script, whole))
+
+    def test_pipe_may_bring_what_begins_like_a_capture(self):
+        script = self.file("count.kvl", COUNT)
+        for cut in (["--lines"], ["--chunk", 4]):
+            command = kvl.command("replay", "--json", script, "-", *cut)
+            with subprocess.Popen(
+                command, stdin=subprocess.PIPE, stdout=subprocess.PIPE
+            ) as process:
+                for piece in (b"kvl cap", b"tive\nnext"):
+                    process.stdin.write(piece)
+                    process.stdin.flush()
+                    time.sleep(0.2)
+                process.stdin.close()
+                events = [json.loads(line) for line in process.stdout]
+            whole = self.file("whole", b"kvl captive\nnext")
+            self.assertEqual(events, kvl.replay(script, whole, *cut))
 
     def test_exit_codes(self):
         script = self.file("count.kvl", COUNT)

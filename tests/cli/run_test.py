@@ -5,6 +5,7 @@ import os
 import pathlib
 import pty
 import queue
+import resource
 import signal
 import socket
 import subprocess
@@ -40,11 +41,11 @@ OPEN STOP_BIT 1
 class Session(kvl.Live):
     """A running `kvl run --json`."""
 
-    def __init__(self, script, *options):
+    def __init__(self, script, *options, **popen):
         self.folder = tempfile.TemporaryDirectory()
         self.script = pathlib.Path(self.folder.name) / "script.kvl"
         self.script.write_text(script)
-        super().__init__("run", "--json", *options, self.script)
+        super().__init__("run", "--json", *options, self.script, **popen)
 
     def end(self, number=signal.SIGINT):
         """The exit code after a signal, with all events read; None waits for the end alone."""
@@ -118,6 +119,77 @@ class RunTest(unittest.TestCase):
                 times = [e["time"] for e in session.events if "time" in e]
                 self.assertEqual(times, sorted(times))
 
+    def test_end_of_the_terminal_ends_it_in_order_unless_it_is_to_stay(self):
+        with Session(self.tcp + ECHO) as session:
+            self.accept()
+            session.until(state="connected")
+            self.assertEqual(session.end(signal.SIGHUP), 0)
+        stays = lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)
+        with Session(self.tcp + ECHO, preexec_fn=stays) as session:
+            peer = self.accept()
+            session.process.send_signal(signal.SIGHUP)
+            peer.sendall(b"on")
+            self.assertEqual(peer.recv(16), b"on")
+            self.assertEqual(session.end(), 0)
+
+    def test_output_that_nobody_takes_holds_up_neither_the_answers_nor_the_end(self):
+        script = pathlib.Path(self.folder.name) / "script.kvl"
+        script.write_text(self.tcp + ECHO)
+        for errors in (subprocess.PIPE, subprocess.STDOUT):
+            command = kvl.command("run", "--trace", script)
+            with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=errors) as process:
+                peer = self.accept()
+                for _ in range(200):
+                    peer.sendall(b"x" * 200)
+                    peer.recv(4096)
+                kvl.wait_until_full(process.stdout)
+                peer.sendall(b"still")
+                while not peer.recv(4096).endswith(b"still"):
+                    pass
+                process.terminate()
+                self.assertEqual(process.wait(PATIENCE), 1)
+                if errors == subprocess.PIPE:
+                    self.assertIn(b"nobody takes them", process.stderr.read())
+
+    def test_output_that_cannot_be_written_is_told_once_and_the_session_goes_on(self):
+        script = pathlib.Path(self.folder.name) / "script.kvl"
+        script.write_text(self.tcp + ECHO)
+        with open("/dev/full", "wb") as full:
+            process = subprocess.Popen(
+                kvl.command("run", "--trace", script), stdout=full, stderr=subprocess.PIPE
+            )
+        peer = self.accept()
+        for text in (b"one", b"two"):
+            peer.sendall(text)
+            self.assertEqual(peer.recv(16), text)
+        process.send_signal(signal.SIGINT)
+        errors = process.communicate(timeout=PATIENCE)[1].decode()
+        self.assertEqual(process.returncode, 1)
+        self.assertEqual(errors.count("standard output can't be written; the work goes on"), 1)
+        self.assertIn("lines were not printed", errors)
+
+    def test_what_the_line_did_not_take_is_not_sent(self):
+        self.listener.close()
+        poll = "BEGIN:\nOUT \"poll\"\nDELAY 10\nSLEEP 50\nEND:\n"
+        with Session(self.tcp + poll, "--trace") as session:
+            session.until(event="unsent", hex=b"poll".hex())
+            session.until(event="unsent", hex=b"p".hex())
+            self.assertEqual(session.end(), 0)
+            summary = session.events[-1]
+            self.assertEqual(summary["sent"], 0)
+            told = [e["hex"] for e in session.events if e["event"] == "unsent"]
+            self.assertEqual(summary["unsent"], sum(len(text) // 2 for text in told))
+
+    def test_last_bytes_are_decoded_however_slow_the_script(self):
+        slow = ECHO.replace("PRINT RX", "SLEEP 1000\nPRINT RX")
+        with Session(self.tcp + slow, "--no-reconnect") as session:
+            peer = self.accept()
+            peer.sendall(b"last")
+            peer.close()
+            self.assertEqual(session.end(None), 1)
+            self.assertEqual(session.prints(), ["last", "1"])
+            self.assertEqual(session.events[-1]["undecoded"], 0)
+
     def test_lines_for_a_person(self):
         with Session(self.tcp + ECHO) as helper:  # its script file serves the plain one too
             self.accept()
@@ -178,9 +250,43 @@ class RunTest(unittest.TestCase):
             self.assertEqual(session.prints(), ["one", "1", "two", "2"])
         with Session(SERIAL + ECHO, "--port", f"COM7={terminal.device}", "--no-reconnect") as session:
             session.until(state="opened")
+            self.assertIn("another program uses it", self.failure(terminal.device))
             terminal.unplug()
             self.assertEqual(session.end(None), 1)
             self.assertEqual(session.states(), ["opened", "lost", "stopped"])
+
+    def failure(self, device):
+        """Why a port can't be opened."""
+        with Session(SERIAL + ECHO, "--port", f"COM7={device}", "--no-reconnect") as session:
+            text = session.until(state="failed")["text"]
+            self.assertIn(f"COM7 ({device})", text)
+            self.assertEqual(session.end(None), 1)
+            return text
+
+    def test_port_that_cannot_be_opened_says_why(self):
+        file = pathlib.Path(self.folder.name) / "저울"
+        self.assertIn("there is no such", self.failure(file))
+        file.write_bytes(b"")
+        self.assertIn("no serial port", self.failure(file))
+
+    def test_capture_that_can_no_longer_be_written_ends_at_a_record(self):
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (64, 64))
+
+        capture = pathlib.Path(self.folder.name) / "capture"
+        with Session(self.tcp + ECHO, "--capture", capture, preexec_fn=limit) as session:
+            peer = self.accept()
+            for text in (b"first one", b"then twenty bytes at", b"three"):
+                peer.sendall(text)
+                self.assertEqual(peer.recv(64), text)
+            self.assertEqual(session.end(), 1)
+            self.assertEqual(session.process.stderr.read().count(b"the capture ends here"), 1)
+            self.assertEqual(session.prints()[::2], ["first one", "then twenty bytes at", "three"])
+            events = kvl.replay(session.script, capture)
+            prints = [e["hex"] for e in events if e["event"] == "print"]
+            self.assertEqual(bytes.fromhex(prints[0]), b"first one")
+            self.assertEqual(len(prints), 2)
 
     def test_capture_replays_what_the_line_brought(self):
         capture = pathlib.Path(self.folder.name) / "capture"

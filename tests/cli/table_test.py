@@ -1,5 +1,6 @@
 """`kvl table`, and what `replay` and `run` do with tables."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -160,6 +161,18 @@ class TableTest(unittest.TestCase):
         self.table("remove", TABLE)
         self.assertEqual(all_tags.process.wait(kvl.PATIENCE), 1)
         self.assertIn(b"was removed", all_tags.process.stderr.read())
+
+    def test_watch_that_nobody_reads_can_be_ended(self):
+        self.create()
+        with subprocess.Popen(
+            kvl.command("table", "watch", TABLE, "--json"), stdout=subprocess.PIPE
+        ) as watch:
+            fcntl.fcntl(watch.stdout, fcntl.F_SETPIPE_SZ, 4096)
+            for value in range(150):
+                self.table("set", TABLE, LEVEL, value)
+            kvl.wait_until_full(watch.stdout)
+            watch.terminate()
+            self.assertEqual(watch.wait(kvl.PATIENCE), 1)
 
     def test_watch_for_a_person(self):
         self.create()

@@ -1,16 +1,47 @@
 #include "platform/terminal.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace kvl {
 
-bool IsOutputTerminal() {
-  return isatty(STDOUT_FILENO) == 1;
+namespace {
+
+int DescriptorOf(EPrintStream stream) {
+  return stream == EPrintStream::kOutput ? STDOUT_FILENO : STDERR_FILENO;
 }
 
-bool IsErrorTerminal() {
-  return isatty(STDERR_FILENO) == 1;
+// Waits until the stream takes something. False if it doesn't within the time (-1: no limit).
+bool WaitForRoom(EPrintStream stream, int timeoutMs) {
+  pollfd room{DescriptorOf(stream), POLLOUT, 0};
+  return poll(&room, 1, timeoutMs) == 1;
+}
+
+}  // namespace
+
+bool IsTerminal(EPrintStream stream) {
+  return isatty(DescriptorOf(stream)) == 1;
+}
+
+bool WriteStream(EPrintStream stream, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(DescriptorOf(stream), text.data(), text.size());
+    if (written >= 0) {
+      text.remove_prefix(static_cast<size_t>(written));
+    } else if (errno == EAGAIN) {
+      WaitForRoom(stream, -1);  // who started the program has made its stream non-blocking
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool IsStreamReady(EPrintStream stream) {
+  return WaitForRoom(stream, 0);
 }
 
 CTerminalSize OutputTerminalSize() {
