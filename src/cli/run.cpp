@@ -216,8 +216,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   void OnReceived(std::span<const uint8_t> bytes) override {
     m_nReceived += bytes.size();
     if (m_capture && !m_capture->Write((GetTickCount() - m_nStart) * 1000, bytes)) {
-      Warn(fmt::format("'{}' can't be written: the capture ends here",
-                       m_options.m_capture));
+      Warn(fmt::format("'{}' can't be written: the capture ends here", m_options.m_capture));
     }
     if (m_options.m_bTrace) Trace("received", bytes);
   }

@@ -47,7 +47,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   State state = State::kIdle;
   std::optional<Tcp::socket> socket;  // until it is connected
   std::optional<Tcp::acceptor> acceptor;
-  std::optional<Tcp::socket> pending;  // an accepted connection that waits for Accept
+  std::optional<Tcp::socket> pending;       // an accepted connection that waits for Accept
   std::optional<asio::steady_timer> timer;  // of the connect, or until OnAccept is told anew
   std::vector<Tcp::endpoint> endpoints;     // still to be tried by the connect
   bool bBound = false;
