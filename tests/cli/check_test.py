@@ -2,10 +2,8 @@
 
 import json
 import os
-import pathlib
 import signal
 import subprocess
-import tempfile
 import unittest
 import unittest.mock
 
@@ -17,19 +15,15 @@ NOTHING = {"media": 0, "ip": "", "port": "", "baud_rate": -1, "data_bit": -1, "p
            "stop_bit": -1}
 
 
-class CheckTest(unittest.TestCase):
+class CheckTest(kvl.FolderTest):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-        self.good = self.write("good.kvl", GOOD)
-        self.bad = self.write("bad.kvl", BAD)
+        super().setUp()
+        self.good = self.script("good.kvl", GOOD)
+        self.bad = self.script("bad.kvl", BAD)
         self.none = self.folder / "none.kvl"
 
-    def write(self, name, text):
-        path = self.folder / name
-        path.write_bytes(text.encode("cp949"))
-        return path
+    def script(self, name, text):
+        return self.file(name, text.encode("cp949"))
 
     def text(self, *arguments):
         return kvl.run("check", *arguments).stderr.decode()
@@ -81,14 +75,14 @@ class CheckTest(unittest.TestCase):
                 self.assertEqual("변수를" in self.text(self.bad), korean)
 
     def test_markers_stand_under_wide_characters_and_long_lines(self):
-        path = self.write("wide.kvl", 'EQU 가 "나"\nEQU "가" 나 다\n' + " " * 300 + "\nVAR N 0\nBEGIN:\nEND:\n")
+        path = self.script("wide.kvl", 'EQU 가 "나"\nEQU "가" 나 다\n' + " " * 300 + "\nVAR N 0\nBEGIN:\nEND:\n")
         self.assertEqual(self.text("--lang", "en", path).splitlines()[-4:], [
             f"{path}:4: error: the name must end in '$', '%' or '#'",
             "     4 | VAR N 0",
             "       |     ^",
             "3 faults in 1 of 1 script",
         ])
-        path = self.write("wide.kvl", 'DIM "가나" 0 ;다\nBEGIN:\nEND:\n')
+        path = self.script("wide.kvl", 'DIM "가나" 0 ;다\nBEGIN:\nEND:\n')
         self.assertEqual(self.text("--lang", "en", path).splitlines()[1:3],
                          ['     1 | DIM "가나" 0 ;다', "       |            ^"])
 
@@ -99,7 +93,7 @@ class CheckTest(unittest.TestCase):
         self.assertEqual(process.returncode, 0, process.stdout)
 
     def test_watch_checks_again_when_a_script_changes(self):
-        command = [os.environ["KVL"], "check", "--watch", "--lang", "en", str(self.bad)]
+        command = kvl.command("check", "--watch", "--lang", "en", self.bad)
         with subprocess.Popen(command, stderr=subprocess.PIPE, text=True) as process:
             def until(end):
                 while not (line := process.stderr.readline()).endswith(end):
@@ -109,7 +103,7 @@ class CheckTest(unittest.TestCase):
                 until("2 faults in 1 of 1 script\n")
                 self.bad.write_text(GOOD)
                 until("1 script checked, no faults\n")
-                self.write("new.kvl", BAD).rename(self.bad)  # as editors save
+                self.script("new.kvl", BAD).rename(self.bad)  # as editors save
                 until("2 faults in 1 of 1 script\n")
                 self.bad.unlink()
                 until("can't be read\n")

@@ -13,6 +13,7 @@ import tempfile
 import termios
 import threading
 import time
+import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PATIENCE = 60  # seconds; only bounds a failing test
@@ -65,6 +66,21 @@ class Live:
         self.process.wait()
         self.process.stdout.close()
         self.process.stderr.close()
+
+
+class FolderTest(unittest.TestCase):
+    """A test with a folder of its own."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def file(self, name, content):
+        path = self.folder / name
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        return path
 
 
 def wait_until_full(pipe):

@@ -1,9 +1,7 @@
 """`kvl replay` itself: how INPUT becomes batches, its limits, its faults, its exit codes."""
 
 import json
-import pathlib
 import subprocess
-import tempfile
 import time
 import unittest
 
@@ -24,17 +22,7 @@ END:
 """
 
 
-class ReplayTest(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-
-    def file(self, name, content):
-        path = self.folder / name
-        path.write_bytes(content if isinstance(content, bytes) else content.encode())
-        return path
-
+class ReplayTest(kvl.FolderTest):
     def test_cutting(self):
         script = self.file("count.kvl", COUNT)
         capture = self.file("capture", b"ab\ncd\0e\n\nf")

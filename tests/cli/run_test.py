@@ -85,14 +85,13 @@ class Terminal:
         os.close(self.far)
 
 
-class RunTest(unittest.TestCase):
+class RunTest(kvl.FolderTest):
     def setUp(self):
+        super().setUp()
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.listener.settimeout(PATIENCE)
         port = self.listener.getsockname()[1]
         self.tcp = f"OPEN MEDIA TCP\nOPEN IP 127.0.0.1\nOPEN PORT {port}\n"
-        self.folder = tempfile.TemporaryDirectory()
-        self.addCleanup(self.folder.cleanup)
         self.addCleanup(self.listener.close)
 
     def accept(self):
@@ -133,8 +132,7 @@ class RunTest(unittest.TestCase):
             self.assertEqual(session.end(), 0)
 
     def test_output_that_nobody_takes_holds_up_neither_the_answers_nor_the_end(self):
-        script = pathlib.Path(self.folder.name) / "script.kvl"
-        script.write_text(self.tcp + ECHO)
+        script = self.file("script.kvl", self.tcp + ECHO)
         for errors in (subprocess.PIPE, subprocess.STDOUT):
             command = kvl.command("run", "--trace", script)
             with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=errors) as process:
@@ -152,8 +150,7 @@ class RunTest(unittest.TestCase):
                     self.assertIn(b"nobody takes them", process.stderr.read())
 
     def test_output_that_cannot_be_written_is_told_once_and_the_session_goes_on(self):
-        script = pathlib.Path(self.folder.name) / "script.kvl"
-        script.write_text(self.tcp + ECHO)
+        script = self.file("script.kvl", self.tcp + ECHO)
         with open("/dev/full", "wb") as full:
             process = subprocess.Popen(
                 kvl.command("run", "--trace", script), stdout=full, stderr=subprocess.PIPE
@@ -234,7 +231,7 @@ class RunTest(unittest.TestCase):
             self.assertEqual(session.states(), ["connecting", "failed", "stopped"])
 
     def test_serial_line_by_a_name_that_stays_through_an_unplugging(self):
-        terminal = Terminal(self.folder.name)
+        terminal = Terminal(self.folder)
         with Session(SERIAL + ECHO, "--port", f"COM7={terminal.device}") as session:
             session.until(state="opened")
             os.write(terminal.near, b"one")
@@ -264,7 +261,7 @@ class RunTest(unittest.TestCase):
             return text
 
     def test_port_that_cannot_be_opened_says_why(self):
-        file = pathlib.Path(self.folder.name) / "저울"
+        file = self.folder / "저울"
         self.assertIn("there is no such", self.failure(file))
         file.write_bytes(b"")
         self.assertIn("no serial port", self.failure(file))
@@ -274,7 +271,7 @@ class RunTest(unittest.TestCase):
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (64, 64))
 
-        capture = pathlib.Path(self.folder.name) / "capture"
+        capture = self.folder / "capture"
         with Session(self.tcp + ECHO, "--capture", capture, preexec_fn=limit) as session:
             peer = self.accept()
             for text in (b"first one", b"then twenty bytes at", b"three"):
@@ -289,7 +286,7 @@ class RunTest(unittest.TestCase):
             self.assertEqual(len(prints), 2)
 
     def test_capture_replays_what_the_line_brought(self):
-        capture = pathlib.Path(self.folder.name) / "capture"
+        capture = self.folder / "capture"
         capture.write_text("of a day before")
         with Session("BEGIN:\nADD\nEND:\n", "--capture", capture) as session:
             session.process.wait(PATIENCE)
@@ -308,11 +305,9 @@ class RunTest(unittest.TestCase):
         self.assertEqual(session.prints(), ["one", "1", "two", "2"])
 
     def test_wrong_use(self):
-        script = pathlib.Path(self.folder.name) / "script.kvl"
-        script.write_text(self.tcp + ECHO)
-        lineless = pathlib.Path(self.folder.name) / "lineless.kvl"
-        lineless.write_text("BEGIN:\nEND:\n")
-        nowhere = pathlib.Path(self.folder.name) / "nowhere" / "file"
+        script = self.file("script.kvl", self.tcp + ECHO)
+        lineless = self.file("lineless.kvl", "BEGIN:\nEND:\n")
+        nowhere = self.folder / "nowhere" / "file"
         for code, *arguments in (
             (2, nowhere),
             (2, "--port", "COM7", script),

@@ -8,7 +8,6 @@ import pty
 import signal
 import socket
 import subprocess
-import tempfile
 import unittest
 
 import kvl
@@ -39,18 +38,11 @@ END:
 """
 
 
-class TableTest(unittest.TestCase):
+class TableTest(kvl.FolderTest):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
+        super().setUp()
         self.tags = self.file("plant.tags", TAGS)
         self.addCleanup(kvl.run, "table", "remove", TABLE)
-
-    def file(self, name, content):
-        path = self.folder / name
-        path.write_text(content)
-        return path
 
     def table(self, command, *arguments, exit_code=0):
         process = kvl.run("table", command, *arguments)

@@ -1,8 +1,6 @@
 """The tools of a script's author: `kvl fmt`, `kvl test` and `kvl new`."""
 
 import json
-import pathlib
-import tempfile
 import unittest
 
 import kvl
@@ -18,18 +16,7 @@ END:
 """
 
 
-class ToolsTest(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-
-    def file(self, name, content):
-        path = self.folder / name
-        path.parent.mkdir(exist_ok=True)
-        path.write_bytes(content if isinstance(content, bytes) else content.encode())
-        return path
-
+class ToolsTest(kvl.FolderTest):
     def exit(self, code, *arguments, stdin=b""):
         process = kvl.run(*arguments, stdin=stdin)
         self.assertEqual(process.returncode, code, process.stderr)
