@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iostream>
 #include <span>
 #include <string>
 #include <string_view>
@@ -17,7 +18,9 @@ using namespace kvl::cli;
 
 void PrintError(const CContext& context, std::string_view message) {
   const CPainter painter(context.m_color, kvl::EPrintStream::kError);
-  fmt::print(stderr, "kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), message);
+  const std::string line =
+      fmt::format("kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), message);
+  kvl::WriteStream(kvl::EPrintStream::kError, line);  // where it fails there is nobody to tell
 }
 
 int Run(int argc, char** argv) {
@@ -32,7 +35,12 @@ int Run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     const std::span<const char* const> arguments(argv + std::min(1, argc), argv + argc);
     const std::string unknown = error.get_exit_code() == 0 ? "" : UnknownWord(app, arguments);
-    if (unknown.empty()) return app.exit(error) == 0 ? kDone : kUsage;
+    if (unknown.empty()) {
+      if (app.exit(error) != 0) return kUsage;
+      if (std::cout.flush()) return kDone;
+      PrintError(context, kOutputFails);
+      return kFailed;
+    }
     PrintError(context, unknown + "\nRun with --help for more information.");
     return kUsage;
   } catch (const CCommandError& error) {
@@ -45,8 +53,9 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+  kvl::HoldMissingStreams();
   return Run(argc, argv);
 } catch (const std::exception& error) {
-  fmt::print(stderr, "kvl: error: {}\n", error.what());
+  kvl::WriteStream(kvl::EPrintStream::kError, fmt::format("kvl: error: {}\n", error.what()));
   return kFailed;
 }

@@ -165,7 +165,7 @@ std::string CPainter::Paint(EColor color, std::string_view text) const {
 
 void FlushOutput() {
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    throw CCommandError(kFailed, "standard output can't be written");
+    throw CCommandError(kFailed, kOutputFails);
   }
 }
 

@@ -58,6 +58,8 @@ class CPainter {
   bool m_bOn;
 };
 
+inline constexpr char kOutputFails[] = "standard output can't be written";
+
 // Throws CCommandError if standard output took not everything.
 void FlushOutput();
 

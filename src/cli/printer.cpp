@@ -81,7 +81,7 @@ CPrinter::CPrinter() : m_pList(std::make_shared<CList>()) {
 }
 
 CPrinter::~CPrinter() {
-  End(kPatienceMs);
+  if (!m_bEnded) End(kPatienceMs);
 }
 
 void CPrinter::Print(EPrintStream stream, std::string text) {
@@ -90,6 +90,7 @@ void CPrinter::Print(EPrintStream stream, std::string text) {
 }
 
 bool CPrinter::End(int32_t timeoutMs) {
+  m_bEnded = true;
   std::unique_lock guard(m_pList->lock);
   m_pList->bEnd = true;
   m_pList->changed.notify_all();

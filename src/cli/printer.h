@@ -35,6 +35,7 @@ class CPrinter {
   struct CList;
 
   const std::shared_ptr<CList> m_pList;
+  bool m_bEnded = false;
 };
 
 }  // namespace kvl::cli

@@ -295,10 +295,8 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
       throw CCommandError(kFailed, "the last lines were not printed: nobody takes them");
     }
     if (m_printer.Failed() > 0) {
-      throw CCommandError(kFailed,
-                          fmt::format("{} lines were not printed: standard output can't be "
-                                      "written",
-                                      m_printer.Failed()));
+      throw CCommandError(
+          kFailed, fmt::format("{} lines were not printed: {}", m_printer.Failed(), kOutputFails));
     }
     if (m_capture && !m_capture->IsWhole()) {
       throw CCommandError(kFailed,

@@ -165,6 +165,19 @@ class RunTest(kvl.FolderTest):
         self.assertEqual(errors.count("standard output can't be written; the work goes on"), 1)
         self.assertIn("lines were not printed", errors)
 
+    def test_stream_that_is_missing_is_not_taken_for_the_line(self):
+        script = self.file("script.kvl", self.tcp + ECHO)
+        for closed, code in ((">&-", 1), ("<&-", 0), ("2>&-", 0), ("<&- >&- 2>&-", 1)):
+            command = ["sh", "-c", f'exec "$@" {closed}', "sh", *kvl.command("run", "--trace", script)]
+            with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+                peer = self.accept()
+                for text in (b"one", b"two"):
+                    peer.sendall(text)
+                    self.assertEqual(peer.recv(999), text)
+                process.terminate()
+                self.assertEqual(peer.recv(999), b"")
+                self.assertEqual(process.wait(PATIENCE), code)
+
     def test_what_the_line_did_not_take_is_not_sent(self):
         self.listener.close()
         poll = "BEGIN:\nOUT \"poll\"\nDELAY 10\nSLEEP 50\nEND:\n"

@@ -1,5 +1,6 @@
 #include "platform/terminal.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -24,6 +25,13 @@ bool WaitForRoom(EPrintStream stream, int timeoutMs) {
 
 bool IsTerminal(EPrintStream stream) {
   return isatty(DescriptorOf(stream)) == 1;
+}
+
+void HoldMissingStreams() {
+  // A new descriptor is the lowest free number. Opened for the direction that nobody uses.
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
 }
 
 bool WriteStream(EPrintStream stream, std::string_view text) {
