@@ -135,15 +135,13 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   }
 
   std::string WhyNotOpened() const {
-    std::string_view advice;
-    if (FindSerialPort(GetCom().szPort).empty()) {
-      advice = "there is no such port; see kvl ports, or map it with --port";
+    std::string_view reason = ErrorText(GetPortError());
+    if (GetPortError() == kErrorNotFound) {
+      reason = "there is no such port; see kvl ports, or map it with --port";
     } else if (GetPortError() == kErrorAccessDenied) {
-      advice = "another program uses it, or you are not in the group that may (often dialout)";
-    } else {
-      advice = ErrorText(GetPortError());
+      reason = "another program uses it, or you are not in the group that may (often dialout)";
     }
-    return fmt::format("{} can't be opened: {}", DeviceText(), advice);
+    return fmt::format("{} can't be opened: {}", DeviceText(), reason);
   }
 
   void OnStatus(ESessionStatus status, std::string_view told) override {
