@@ -19,7 +19,6 @@ constexpr int32_t kMaxPortNumber = 99;    // what COMM::szPort has room for
 constexpr int32_t kMaxBusyPasses = 64;
 constexpr int32_t kMaxReadsPerTurn = 128;  // so that a flood does not keep the script from running
 constexpr int32_t kRetryMs = 50;           // before trying again what had no memory or no room
-constexpr int32_t kSockErrNoBuffers = 10055;
 
 int32_t ErrorOf(LPARAM lParam) {
   return static_cast<int32_t>(lParam >> 16 & 0xFFFF);

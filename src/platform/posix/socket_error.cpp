@@ -42,7 +42,18 @@ int32_t Find(const CodePair (&codes)[kCount], int value) {
   return kOtherFailure;
 }
 
+thread_local int32_t t_nLastError = 0;
+
 }  // namespace
+
+int32_t FailSocket(int32_t nCode, int32_t nResult) {
+  t_nLastError = nCode;
+  return nResult;
+}
+
+int32_t LastSocketError() {
+  return t_nLastError;
+}
 
 int32_t SocketErrorCode(const std::error_code& error) {
   if (!error) return 0;

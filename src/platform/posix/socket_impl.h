@@ -22,6 +22,8 @@ namespace kvl {
 // thread, but for what stands under "shared".
 struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CAsyncSocket::Impl> {
   using Tcp = asio::ip::tcp;
+  static constexpr uint32_t kMaxPort = 65535;
+
   enum class State { kIdle, kConnecting, kConnected, kListening };
 
   explicit Impl(CAsyncSocket* pSocket) : pOwner(pSocket) {}
@@ -96,5 +98,15 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   void WaitAccept();
   void RaiseAccept();
 };
+
+// Wraps a handler so that it does nothing once the socket has been closed, keeps the Impl alive
+// and lets no exception into the loop.
+template <typename Body>
+auto CAsyncSocket::Impl::Handler(Body body) {
+  return [pSelf = shared_from_this(), round = nRound, body = std::move(body)](auto&&... args) {
+    if (round != pSelf->nRound) return;
+    RunGuarded([&] { body(std::forward<decltype(args)>(args)...); });
+  };
+}
 
 }  // namespace kvl

@@ -1,0 +1,98 @@
+// The way to a connection: a name is looked up, and its addresses are tried one behind the other.
+#include <algorithm>
+#include <asio/post.hpp>
+#include <utility>
+
+#include "platform/posix/name_lookup.h"
+#include "platform/posix/socket_error.h"
+#include "platform/posix/socket_impl.h"
+
+namespace kvl {
+
+namespace {
+
+// Two ends of one socket: on a local port the system may let a connect meet itself.
+bool IsConnectedToItself(const asio::ip::tcp::socket& socket) {
+  std::error_code ec;
+  const auto local = socket.local_endpoint(ec);
+  if (ec) return false;
+  const auto remote = socket.remote_endpoint(ec);
+  return !ec && local == remote;
+}
+
+}  // namespace
+
+void CAsyncSocket::Impl::Connect(const std::string& strHost, uint32_t nPort) {
+  state = State::kConnecting;
+  StartTimer(kConnectTimeoutMs, &Impl::ConnectTimedOut);
+  if (strHost.empty()) return FinishLater(kSockErrAddressRequired);
+  if (nPort == 0 || nPort > kMaxPort) return FinishLater(kSockErrAddressNotAvailable);
+
+  std::error_code ec;
+  const auto port = static_cast<uint16_t>(nPort);
+  const auto address = asio::ip::make_address(strHost, ec);
+  if (!ec) {
+    endpoints = {{address, port}};
+    asio::post(pLoop->Io(), Handler([this] { TryNext(0); }));
+    return;
+  }
+  const auto take = [this, port](const std::error_code& failure,
+                                 const std::vector<asio::ip::address>& addresses) {
+    for (const asio::ip::address& found : addresses) endpoints.emplace_back(found, port);
+    std::reverse(endpoints.begin(), endpoints.end());  // the next one is at the back
+    TryNext(SocketErrorCode(failure));
+  };
+  try {
+    LookUpName(strHost, pLoop, Handler(take));
+  } catch (const std::system_error&) {
+    FinishLater(kSockErrNoBuffers);
+  }
+}
+
+void CAsyncSocket::Impl::FinishLater(int32_t nCode) {
+  asio::post(pLoop->Io(), Handler([this, nCode] { Finish(nCode); }));
+}
+
+// Tries the next address; with none left the connect has failed with the last one's code.
+void CAsyncSocket::Impl::TryNext(int32_t nCode) {
+  if (endpoints.empty()) return Finish(nCode != 0 ? nCode : kSockErrAddressNotAvailable);
+  const Tcp::endpoint remote = endpoints.back();
+  endpoints.pop_back();
+  std::error_code ec;
+  if (!bBound) {
+    socket.emplace(pLoop->Io());
+    socket->open(remote.protocol(), ec);
+  } else if (socket->local_endpoint(ec).protocol() != remote.protocol()) {
+    return TryNext(kSockErrFamily);
+  }
+  if (ec) return TryNext(SocketErrorCode(ec));
+  socket->async_connect(remote, Handler([this](const std::error_code& failure) {
+                          if (failure) return TryNext(SocketErrorCode(failure));
+                          if (IsConnectedToItself(*socket)) return TryNext(kSockErrRefused);
+                          Finish(0);
+                        }));
+}
+
+void CAsyncSocket::Impl::ConnectTimedOut() {
+  NextRound();  // the attempt under way has nothing more to say
+  endpoints.clear();
+  Finish(kSockErrTimedOut);
+}
+
+void CAsyncSocket::Impl::Finish(int32_t nCode) {
+  timer.reset();
+  if (nCode != 0) {
+    DropSocket();
+    bBound = false;
+    state = State::kIdle;
+    Notify(kFdConnect, &CAsyncSocket::OnConnect, nCode);
+    return;
+  }
+  const int32_t shortage = Establish(std::move(*socket));
+  if (shortage != 0) return Finish(shortage);
+  if (!Notify(kFdConnect, &CAsyncSocket::OnConnect, 0)) return;
+  if (!Notify(kFdWrite, &CAsyncSocket::OnSend, 0)) return;
+  WaitRead();
+}
+
+}  // namespace kvl
