@@ -1,7 +1,7 @@
 // Stop comes at once, whatever the script and the line are doing.
 #include "control/sync_notify.h"
 #include "session_fixtures.h"
-#include "support/silent_names.h"
+#include "support/name_server.h"
 
 namespace kvl {
 namespace {
@@ -96,10 +96,10 @@ TEST_F(StopTest, OnASocket) {
     ASSERT_EQ(control.Run(), 0);
   });
   ExpectFastStop("looking up a name", [&] {
-    CSilentNames::Hush();
+    CNameServer::Hush();
     Verify("OPEN MEDIA TCP\nOPEN IP gauge.silent\nOPEN PORT 9\n" + std::string(kEcho));
     ASSERT_EQ(control.Run(), 0);
-    ASSERT_TRUE(WaitFor([] { return CSilentNames::Begun() > 0; }));
+    ASSERT_TRUE(WaitFor([] { return CNameServer::Begun() > 0; }));
   });
   ExpectFastStop("closed by the peer", [&] {
     const int before = seen.Count(ESessionStatus::Closed);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <memory>
@@ -9,7 +10,7 @@
 
 #include "platform/clock.h"
 #include "support/loop_fixtures.h"
-#include "support/silent_names.h"
+#include "support/name_server.h"
 
 namespace kvl {
 namespace {
@@ -204,8 +205,8 @@ TEST_F(CAsyncSocketTest, ConnectAlwaysHasAnOutcome) {
 }
 
 TEST_F(CAsyncSocketTest, NameThatIsNotAnsweredHoldsUpNobody) {
-  CSilentNames::Hush();
-  const int before = CSilentNames::Begun();
+  CNameServer::Hush();
+  const int before = CNameServer::Begun();
   CTestSock first, second, gone;
   for (CTestSock* pSock : {&first, &second, &gone}) {
     ASSERT_TRUE(pSock->Create());
@@ -215,7 +216,7 @@ TEST_F(CAsyncSocketTest, NameThatIsNotAnsweredHoldsUpNobody) {
     CTestSock sock;
     sock.Create();
     sock.Connect("two.silent", port);
-    WaitFor([&] { return CSilentNames::Begun() == before + 2; });
+    WaitFor([&] { return CNameServer::Begun() == before + 2; });
   }).join();
   gone.Close();
 
@@ -224,12 +225,31 @@ TEST_F(CAsyncSocketTest, NameThatIsNotAnsweredHoldsUpNobody) {
   ASSERT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
   EXPECT_EQ(client.connects[0], 0);
 
-  CSilentNames::Answer();
+  CNameServer::Answer();
   ASSERT_TRUE(RunLoopUntil([&] { return !first.connects.empty() && !second.connects.empty(); }));
   EXPECT_EQ(first.connects[0], 0);
   EXPECT_EQ(second.connects[0], 0);
   EXPECT_TRUE(gone.connects.empty());
-  EXPECT_EQ(CSilentNames::Begun(), before + 2) << "one look-up a name";
+  EXPECT_EQ(CNameServer::Begun(), before + 2) << "one look-up a name";
+}
+
+TEST_F(CAsyncSocketTest, AddressThatDoesNotAnswerLeavesTimeForTheNext) {
+  CTestSock full;  // its queue has room for one connection, and it takes none
+  ASSERT_TRUE(full.Create(port, kSockStream, 0, "127.0.0.2"));
+  ASSERT_TRUE(full.Listen(0));
+  CTestSock callers[4];
+  const bool isFull = std::any_of(std::begin(callers), std::end(callers), [&](CTestSock& caller) {
+    const auto taken = [&caller] { return !caller.connects.empty(); };
+    return caller.Create() && caller.Connect("127.0.0.2", port) &&
+           !CMessageLoop::Current().RunUntil(taken, 500);
+  });
+  ASSERT_TRUE(isFull);
+
+  ASSERT_TRUE(client.Create());
+  ASSERT_TRUE(client.Connect("127.0.0.2+127.0.0.1", port));
+  ASSERT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
+  EXPECT_EQ(client.connects[0], 0);
+  EXPECT_TRUE(RunLoopUntil([&] { return server.GetHandle() != kInvalidSocket; }));
 }
 
 TEST_F(CAsyncSocketTest, ResetCarriesItsCodeToTheClose) {

@@ -1,8 +1,10 @@
 // The way to a connection: a name is looked up, and its addresses are tried one behind the other.
 #include <algorithm>
 #include <asio/post.hpp>
+#include <iterator>
 #include <utility>
 
+#include "platform/clock.h"
 #include "platform/posix/name_lookup.h"
 #include "platform/posix/socket_error.h"
 #include "platform/posix/socket_impl.h"
@@ -24,7 +26,8 @@ bool IsConnectedToItself(const asio::ip::tcp::socket& socket) {
 
 void CAsyncSocket::Impl::Connect(const std::string& strHost, uint32_t nPort) {
   state = State::kConnecting;
-  StartTimer(kConnectTimeoutMs, &Impl::ConnectTimedOut);
+  nConnectDeadline = GetTickCount() + kConnectTimeoutMs;
+  StartTimer(kConnectTimeoutMs, &Impl::TriedLongEnough);
   if (strHost.empty()) return FinishLater(kSockErrAddressRequired);
   if (nPort == 0 || nPort > kMaxPort) return FinishLater(kSockErrAddressNotAvailable);
 
@@ -66,6 +69,9 @@ void CAsyncSocket::Impl::TryNext(int32_t nCode) {
     return TryNext(kSockErrFamily);
   }
   if (ec) return TryNext(SocketErrorCode(ec));
+  // An address that does not answer leaves those behind it their part of the time.
+  const int64_t rest = std::max<int64_t>(nConnectDeadline - GetTickCount(), 0);
+  StartTimer(static_cast<int32_t>(rest / (std::ssize(endpoints) + 1)), &Impl::TriedLongEnough);
   socket->async_connect(remote, Handler([this](const std::error_code& failure) {
                           if (failure) return TryNext(SocketErrorCode(failure));
                           if (IsConnectedToItself(*socket)) return TryNext(kSockErrRefused);
@@ -73,10 +79,10 @@ void CAsyncSocket::Impl::TryNext(int32_t nCode) {
                         }));
 }
 
-void CAsyncSocket::Impl::ConnectTimedOut() {
-  NextRound();  // the attempt under way has nothing more to say
-  endpoints.clear();
-  Finish(kSockErrTimedOut);
+void CAsyncSocket::Impl::TriedLongEnough() {
+  NextRound();                    // the attempt under way has nothing more to say
+  if (bBound) endpoints.clear();  // its socket is still busy with that one
+  TryNext(kSockErrTimedOut);
 }
 
 void CAsyncSocket::Impl::Finish(int32_t nCode) {

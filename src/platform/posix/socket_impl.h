@@ -52,6 +52,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   std::optional<Tcp::socket> pending;       // an accepted connection that waits for Accept
   std::optional<asio::steady_timer> timer;  // of the connect, or until OnAccept is told anew
   std::vector<Tcp::endpoint> endpoints;     // still to be tried by the connect
+  int64_t nConnectDeadline = 0;
   bool bBound = false;
   bool bCloseTold = false;
   bool bInReceive = false;
@@ -84,7 +85,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
 
   void FinishLater(int32_t nCode);
   void TryNext(int32_t nCode);
-  void ConnectTimedOut();
+  void TriedLongEnough();
   void Finish(int32_t nCode);
   int32_t Establish(Tcp::socket&& connected);
   void WaitForLine();

@@ -1,10 +1,11 @@
-#include "support/silent_names.h"
+#include "support/name_server.h"
 
 #include <dlfcn.h>
 #include <netdb.h>
 
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 namespace kvl {
@@ -37,16 +38,16 @@ void WaitForAnswer() {
 
 }  // namespace
 
-int CSilentNames::Begun() {
+int CNameServer::Begun() {
   const std::lock_guard guard(State().lock);
   return State().nBegun;
 }
 
-void CSilentNames::Answer() {
+void CNameServer::Answer() {
   SetAnswered(true);
 }
 
-void CSilentNames::Hush() {
+void CNameServer::Hush() {
   SetAnswered(false);
 }
 
@@ -61,5 +62,9 @@ extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo
     kvl::WaitForAnswer();
     name = "127.0.0.1";
   }
-  return system(name, service, hints, result);
+  const std::string names = name == nullptr ? "" : name;
+  const size_t plus = names.find('+');
+  if (plus == names.npos) return system(name, service, hints, result);
+  system(names.substr(0, plus).c_str(), service, hints, result);
+  return system(names.substr(plus + 1).c_str(), service, hints, &(*result)->ai_next);
 }
