@@ -29,6 +29,7 @@ PRINT N
 OUT RX
 END:
 """
+PAGE = (kvl.ROOT / "docs/running.md").read_text()
 SERIAL = """OPEN MEDIA RS232C
 OPEN PORT COM7
 OPEN BAUD_RATE 9600
@@ -52,6 +53,10 @@ class Session(kvl.Live):
         if number is not None:
             self.process.send_signal(number)
         self.until(event="summary")
+        words = {word for e in self.events for word in (*e, e["event"], e.get("state", "state"))}
+        untold = [word for word in words if f"`{word}`" not in PAGE]
+        if untold:
+            raise AssertionError(f"docs/running.md does not tell of {untold}")
         return self.process.wait(PATIENCE)
 
     def states(self):
