@@ -2,44 +2,48 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
+#include <string_view>
+#include <utility>
 
 #include "cli/commands.h"
 #include "cli/output.h"
 
 namespace kvl::cli {
 
-CCaptureFile::CCaptureFile(const std::string& path) : m_pFile(std::fopen(path.c_str(), "wb")) {
-  if (m_pFile == nullptr) {
-    throw CCommandError(kUsage, fmt::format("'{}' can't be written", path));
-  }
-  if (std::fprintf(m_pFile, "%s\n", kCaptureHead) < 0 || std::fflush(m_pFile) != 0) {
-    std::fclose(m_pFile);
-    throw CCommandError(kUsage, fmt::format("'{}' can't be written", path));
-  }
+namespace {
+
+COutputFile MakeCapture(const std::string& path) {
+  COutputFile file(path);
+  if (file.IsOpen() && file.Write(std::string(kCaptureHead) + '\n')) return file;
+  throw CCommandError(kUsage, fmt::format("'{}' can't be written", path));
 }
 
-CCaptureFile::~CCaptureFile() {
-  std::fclose(m_pFile);
+}  // namespace
+
+CCaptureFile::CCaptureFile(const std::string& path, std::function<void()> onEnd)
+    : m_writer(MakeCapture(path), CBackgroundWriter::EGaps::kForbidden, std::move(onEnd)) {}
+
+void CCaptureFile::Write(int64_t microseconds, std::span<const uint8_t> bytes) {
+  m_writer.Write(fmt::format("{} {}\n", microseconds, ToHex(bytes)));
 }
 
-bool CCaptureFile::Write(int64_t microseconds, std::span<const uint8_t> bytes) {
-  const std::string line = fmt::format("{} {}\n", microseconds, ToHex(bytes));
-  const std::lock_guard lock(m_cs);
-  if (!m_bWhole) return true;
-  // At once, so that a capture is of use when the power fails.
-  m_bWhole =
-      std::fwrite(line.data(), 1, line.size(), m_pFile) == line.size() && std::fflush(m_pFile) == 0;
-  return m_bWhole;
+bool CCaptureFile::End(int64_t nStart) {
+  return m_writer.End(nStart) && m_writer.LeftOut() == 0 && m_writer.Failed() == 0;
 }
 
 bool SkipCaptureHead(std::istream& stream, std::string& taken) {
-  const std::string head = std::string(kCaptureHead) + "\n";
-  while (taken.size() < head.size() && stream.peek() == head[taken.size()]) {
+  const auto take = [&](char wanted) {
+    if (stream.peek() != wanted) return false;
     taken += static_cast<char>(stream.get());
-  }
+    return true;
+  };
+  const bool isHead = std::ranges::all_of(std::string_view(kCaptureHead), take);
+  if (isHead) take('\r');  // an editor or a mail may have changed the line ends
+  const bool isCapture = isHead && take('\n');
   stream.clear();
-  return taken == head;
+  return isCapture;
 }
 
 bool ReadCaptureRecord(std::istream& stream, CCaptureRecord& record) {
@@ -49,6 +53,7 @@ bool ReadCaptureRecord(std::istream& stream, CCaptureRecord& record) {
     fmt::print(stderr, "kvl: the last line of the capture was cut short and is left out\n");
     return false;
   }
+  if (line.ends_with('\r')) line.pop_back();
   const char* const end = line.data() + line.size();
   const auto [behind, error] = std::from_chars(line.data(), end, record.m_nMicroseconds);
   record.m_bytes.clear();

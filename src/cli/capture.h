@@ -3,37 +3,33 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
+#include <functional>
 #include <istream>
-#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "cli/background_writer.h"
 
 namespace kvl::cli {
 
 inline constexpr char kCaptureHead[] = "kvl capture 1";
 
-// Threads: Write from any.
+// Threads: Write from one at a time, which never waits for the file.
 class CCaptureFile {
  public:
-  // Throws CCommandError if the file can't be made.
-  explicit CCaptureFile(const std::string& path);
-  ~CCaptureFile();
-  CCaptureFile(const CCaptureFile&) = delete;
-  CCaptureFile& operator=(const CCaptureFile&) = delete;
+  // `onEnd` is called once if a record can't be written: the capture ends there, since what comes
+  // behind a gap would be taken for what came next. Throws CCommandError if the file can't be made.
+  CCaptureFile(const std::string& path, std::function<void()> onEnd);
 
-  // False when the record can't be written in full. The capture ends there: what follows a gap
-  // would be taken for what came behind it.
-  bool Write(int64_t microseconds, std::span<const uint8_t> bytes);
+  void Write(int64_t microseconds, std::span<const uint8_t> bytes);
 
-  // False if something could not be written.
-  bool IsWhole() const { return m_bWhole; }
+  // Waits for what is not yet written, as CBackgroundWriter::End does. False if records are
+  // missing.
+  bool End(int64_t nStart);
 
  private:
-  std::mutex m_cs;
-  std::FILE* m_pFile;
-  bool m_bWhole = true;
+  CBackgroundWriter m_writer;
 };
 
 struct CCaptureRecord {

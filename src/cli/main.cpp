@@ -16,11 +16,14 @@ namespace {
 
 using namespace kvl::cli;
 
+// Where this fails there is nobody left to tell.
+void WriteError(const std::string& text) {
+  kvl::COutputFile(kvl::EPrintStream::kError).Write(text);
+}
+
 void PrintError(const CContext& context, std::string_view message) {
   const CPainter painter(context.m_color, kvl::EPrintStream::kError);
-  const std::string line =
-      fmt::format("kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), message);
-  kvl::WriteStream(kvl::EPrintStream::kError, line);  // where it fails there is nobody to tell
+  WriteError(fmt::format("kvl: {} {}\n", painter.Paint(EColor::Red, "error:"), message));
 }
 
 int Run(int argc, char** argv) {
@@ -56,6 +59,6 @@ int main(int argc, char** argv) try {
   kvl::HoldMissingStreams();
   return Run(argc, argv);
 } catch (const std::exception& error) {
-  kvl::WriteStream(kvl::EPrintStream::kError, fmt::format("kvl: error: {}\n", error.what()));
+  WriteError(fmt::format("kvl: error: {}\n", error.what()));
   return kFailed;
 }

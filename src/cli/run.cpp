@@ -4,18 +4,20 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <random>
 
+#include "cli/background_writer.h"
 #include "cli/capture.h"
 #include "cli/commands.h"
 #include "cli/diagnostics.h"
 #include "cli/output.h"
-#include "cli/printer.h"
 #include "cli/script_file.h"
 #include "cli/table_advice.h"
 #include "control/DecodeCtrl.h"
+#include "control/sync_notify.h"
 #include "platform/clock.h"
 #include "platform/last_error.h"
 #include "platform/message_loop.h"
@@ -52,8 +54,28 @@ class CBackoff {
   std::minstd_rand m_random{std::random_device{}()};
 };
 
-// The host of one session. Whatever is to be printed while it runs goes through the printer, so
-// that a terminal or a pipe that takes nothing holds up neither the decoding nor its end.
+// The window that a session's control stands in. Answers SYNC.
+class CFrame : public CWnd {
+ public:
+  explicit CFrame(std::function<void(int32_t)> onSync) : m_onSync(std::move(onSync)) {}
+
+  LRESULT WindowProc(uint32_t nMessage, WPARAM wParam, LPARAM lParam) override {
+    auto* const record = reinterpret_cast<CSyncNotify*>(lParam);
+    if (nMessage != kWmNotify || record->m_header.code != kSyncCode) {
+      return CWnd::WindowProc(nMessage, wParam, lParam);
+    }
+    m_onSync(record->m_nValue);
+    record->m_bPending = 0;
+    return 0;
+  }
+
+ private:
+  const std::function<void(int32_t)> m_onSync;
+};
+
+// The host of one session. Whatever is to be written while it runs goes through writers of their
+// own, so that a terminal, a pipe or a disk that takes nothing holds up neither the decoding nor
+// its end.
 class CRunHost : private CDecodeCtrl, private CSessionObserver {
  public:
   CRunHost(const CRunOptions& options, const CContext& context)
@@ -88,7 +110,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     m_loop.Run();
     Stop();
     Summarise();
-    TellWhatIsLost();
+    EndWriting();
     return m_exit;
   }
 
@@ -101,7 +123,12 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
                           fmt::format("'{}' is the script: the capture needs a file of its own",
                                       m_options.m_capture));
     }
-    m_capture.emplace(m_options.m_capture);
+    if (m_options.m_capture == "-") {
+      throw CCommandError(kUsage, "--capture needs a file; '-' is none");
+    }
+    m_capture.emplace(m_options.m_capture, [this] {
+      Warn(fmt::format("'{}' can't be written: the capture ends here", m_options.m_capture));
+    });
   }
 
   int ReportFaults() const {
@@ -111,9 +138,12 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   }
 
   void Warn(const std::string& text) {
-    if (text.empty()) return;
-    m_printer.Print(EPrintStream::kError,
-                    fmt::format("kvl: {} {}\n", m_errors.Paint(EColor::Cyan, "warning:"), text));
+    if (!text.empty()) TellOnErrors(EColor::Cyan, "warning:", text);
+  }
+
+  void TellOnErrors(EColor color, const char* kind, std::string_view text) {
+    m_errorWriter.Write(fmt::format("kvl: {} {}\n", m_errors.Paint(color, kind), text),
+                        CBackgroundWriter::EText::kLast);
   }
 
   void TellTable() {
@@ -185,6 +215,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     if (!m_options.m_bReconnect) {
       if (!reason.empty()) State("failed", reason);
       m_exit = kFailed;
+      m_nLost = GetTickCount();
       m_retry.Start(kLastPassMs, [this] { QuitWhenDecoded(); });
       return;
     }
@@ -197,9 +228,9 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     m_retry.Start(m_backoff.NextMs(), [this] { Retry(); });
   }
 
-  // What the line brought before it went is decoded to its end, however slow the script.
+  // What the line brought before it went is decoded to its end, unless a pass has none.
   void QuitWhenDecoded() {
-    if (HasDecodedAll()) return m_loop.Quit();
+    if (HasDecodedAll() || GetTickCount() - m_nLost >= kLongestDecodingMs) return m_loop.Quit();
     m_retry.Start(kLastPassMs, [this] { QuitWhenDecoded(); });
   }
 
@@ -213,9 +244,7 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
 
   void OnReceived(std::span<const uint8_t> bytes) override {
     m_nReceived += bytes.size();
-    if (m_capture && !m_capture->Write((GetTickCount() - m_nStart) * 1000, bytes)) {
-      Warn(fmt::format("'{}' can't be written: the capture ends here", m_options.m_capture));
-    }
+    if (m_capture) m_capture->Write((GetTickCount() - m_nStart) * 1000, bytes);
     if (m_options.m_bTrace) Trace("received", bytes);
   }
 
@@ -252,20 +281,22 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
     if (m_options.m_bJson) {
       CJson object = {{"event", event}, {"time", static_cast<double>(now) / 1e6}};
       object.update(fields);
-      PrintLine(JsonLine(object));
+      m_writer.Write(JsonLine(object) + '\n');
     } else {
-      PrintLine(fmt::format("{}  {:<8}  {}", m_painter.Paint(EColor::Dim, TimeText(now)), event,
-                            m_painter.Paint(color, text)));
+      m_writer.Write(fmt::format("{}  {:<8}  {}\n", m_painter.Paint(EColor::Dim, TimeText(now)),
+                                 event, m_painter.Paint(color, text)));
     }
   }
 
-  void PrintLine(const std::string& line) { m_printer.Print(EPrintStream::kOutput, line + '\n'); }
+  void PrintLast(const std::string& line) {
+    m_writer.Write(line + '\n', CBackgroundWriter::EText::kLast);
+  }
 
   void Summarise() {
-    const uint64_t unsaid = m_printer.LeftOut();
+    const uint64_t unsaid = m_writer.LeftOut();
     const uint64_t sent = m_nOut - m_nUnsent;
     if (m_options.m_bJson) {
-      PrintLine(JsonLine({{"event", "summary"},
+      PrintLast(JsonLine({{"event", "summary"},
                           {"received", m_nReceived.load()},
                           {"sent", sent},
                           {"unsent", m_nUnsent.load()},
@@ -274,43 +305,47 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
                           {"unsaid", unsaid}}));
       return;
     }
-    PrintLine(fmt::format("{} bytes received, {} sent, {} dropped because the script was too slow",
+    PrintLast(fmt::format("{} bytes received, {} sent, {} dropped because the script was too slow",
                           m_nReceived.load(), sent, GetDroppedBytes()));
     const auto tell = [this](uint64_t count, std::string_view what) {
-      if (count > 0) PrintLine(fmt::format("{} {}", count, what));
+      if (count > 0) PrintLast(fmt::format("{} {}", count, what));
     };
     tell(m_nUnsent, "bytes were not sent: the line was gone or took no more");
     tell(static_cast<uint64_t>(GetWaitingBytes()), "bytes had not been decoded when it ended");
     tell(unsaid, "lines were not printed: too many at once");
   }
 
-  // Ends with an error if something of what was to be kept or shown is not there.
-  void TellWhatIsLost() {
-    if (!m_printer.End(kLastWordsMs)) {
-      // Whoever holds up one stream may hold up both, and the end must not wait for it.
-      m_exit = kFailed;
-      if (!IsStreamReady(EPrintStream::kError)) return;
-      throw CCommandError(kFailed, "the last lines were not printed: nobody takes them");
+  // Fails if something is missing of what was to be kept or shown. Nothing is waited for that
+  // nobody takes.
+  void EndWriting() {
+    const int64_t start = GetTickCount();
+    if (!m_writer.End(start)) {
+      Fail("the last lines were not printed: nobody took them in time");
+    } else if (m_writer.Failed() > 0) {
+      Fail(fmt::format("{} lines were not printed: {}", m_writer.Failed(), kOutputFails));
     }
-    if (m_printer.Failed() > 0) {
-      throw CCommandError(
-          kFailed, fmt::format("{} lines were not printed: {}", m_printer.Failed(), kOutputFails));
+    if (m_capture && !m_capture->End(start)) {
+      Fail(fmt::format("'{}' could not be written in full", m_options.m_capture));
     }
-    if (m_capture && !m_capture->IsWhole()) {
-      throw CCommandError(kFailed,
-                          fmt::format("'{}' could not be written in full", m_options.m_capture));
-    }
+    m_errorWriter.End(start);
+  }
+
+  void Fail(std::string_view message) {
+    m_exit = kFailed;
+    TellOnErrors(EColor::Red, "error:", message);
   }
 
   static constexpr int32_t kLastPassMs = 200;
-  static constexpr int32_t kLastWordsMs = 1000;
+  static constexpr int32_t kLongestDecodingMs = 30000;
   static constexpr int32_t kSteadyMs = 10000;
 
   const CRunOptions& m_options;
   const CPainter m_painter;
   const CPainter m_errors;
   CMessageLoop m_loop;
-  CWnd m_frame;
+  CFrame m_frame{[this](int32_t value) {
+    Say("sync", {{"value", value}}, std::to_string(value), EColor::Plain);
+  }};
   CTimer m_retry;
   CBackoff m_backoff;
   bool m_bReconnecting = false;
@@ -318,12 +353,17 @@ class CRunHost : private CDecodeCtrl, private CSessionObserver {
   uint64_t m_nReceivedBefore = 0;  // when the line came up last
   int m_exit = kDone;
   int64_t m_nStart = 0;
-  std::optional<CCaptureFile> m_capture;
+  int64_t m_nLost = 0;
   std::atomic<uint64_t> m_nReceived{0};
   std::atomic<uint64_t> m_nOut{0};  // what the script's OUTs were to send
   std::atomic<uint64_t> m_nUnsent{0};
   std::mutex m_csSay;
-  CPrinter m_printer;
+  // Each tells of its failure through the ones ahead of it.
+  CBackgroundWriter m_errorWriter{COutputFile(EPrintStream::kError),
+                                  CBackgroundWriter::EGaps::kAllowed, nullptr};
+  CBackgroundWriter m_writer{COutputFile(EPrintStream::kOutput), CBackgroundWriter::EGaps::kAllowed,
+                             [this] { Warn(fmt::format("{}; the work goes on", kOutputFails)); }};
+  std::optional<CCaptureFile> m_capture;
 };
 
 void MapPorts(const std::vector<std::string>& ports) {
@@ -341,6 +381,7 @@ void MapPorts(const std::vector<std::string>& ports) {
 int RunSession(const CRunOptions& options, const CContext& context) {
   // A file that can't be read is the command line's fault.
   const std::string script = ReadScriptFile(options.m_script);
+  SurviveFailingWrites();
   MapPorts(options.m_ports);
   CRunHost host(options, context);
   return host.Work(script);

@@ -212,8 +212,7 @@ LRESULT CDecodeCtrl::OnConnect(WPARAM hSocket, LPARAM lParam) {
     Tell(ESessionStatus::Connected, Peer());
   } else {
     m_strStatus = ConnectErrorText(error);
-    Tell(ESessionStatus::ConnectFailed,
-         m_strStatus.empty() ? "Socket error " + std::to_string(error) + "." : m_strStatus);
+    Tell(ESessionStatus::ConnectFailed, m_strStatus.empty() ? OtherErrorText(error) : m_strStatus);
   }
   return 0;
 }
@@ -258,6 +257,7 @@ bool CDecodeCtrl::StartWorker() {
   if (m_thread.joinable()) return true;
   if (m_pKVL == nullptr) return false;
   m_bLossUntold = false;
+  m_bDecoding = false;
   m_session.Start();
   const auto start = [this] {
     m_thread = std::thread([this, script = m_strScriptName] { WorkerThread(script); });
@@ -295,10 +295,8 @@ void CDecodeCtrl::WorkerThread(const std::string& script) noexcept {
       Turn();
       return 0;
     };
-    const int32_t result = Guarded(turn);
-    m_bDecoding.store(false, std::memory_order_release);
     // Memory may have run out. What can't be done now may be possible a little later.
-    if (result != 0) m_session.m_wakeup.Wait(kRetryMs);
+    if (Guarded(turn) != 0) m_session.m_wakeup.Wait(kRetryMs);
   }
 }
 
@@ -343,13 +341,17 @@ void CDecodeCtrl::RunPass() {
 // a batch does something, if only to find no bytes. On a socket the time slice is kept for one
 // more, or the peer's next bytes would be on their way through the control's thread by then.
 void CDecodeCtrl::RunEmptyPass() {
-  if (m_nBusyPasses > 0) {
+  const bool isWatched = m_nBusyPasses == 0;
+  bool isIdle = false;
+  if (isWatched) {
+    isIdle = m_pKVL->BeginIdle();
+  } else {
     --m_nBusyPasses;
     m_pKVL->Begin(nullptr, 0);
-  } else if (m_pKVL->BeginIdle()) {
-    WaitForBytes();
-    return;
-  } else {
+  }
+  m_bDecoding.store(false, std::memory_order_release);
+  if (isIdle) return WaitForBytes();
+  if (isWatched) {
     m_nBusyPasses = m_nBusyPassesNext;
     m_nBusyPassesNext = std::clamp(m_nBusyPassesNext * 2, 1, kMaxBusyPasses);
     if (m_nBusyPasses == 0 && m_nInterface == kMediaTcp) return;

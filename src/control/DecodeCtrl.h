@@ -86,7 +86,7 @@ class KVL_API CDecodeCtrl : public CStatic {
   uint32_t GetPortError() const { return m_dwPortError; }
   // What waits for a pass. The worker may take it meanwhile.
   int32_t GetWaitingBytes() const { return m_queue.GetSize(); }
-  // Whether all that the line brought has been through a pass.
+  // Whether all that the line brought has been through a pass, and an empty one has followed.
   bool HasDecodedAll() const { return GetWaitingBytes() == 0 && !m_bDecoding; }
   // What the line brought while the queue was full, and was dropped.
   uint64_t GetDroppedBytes() const { return m_queue.GetDroppedBytes(); }

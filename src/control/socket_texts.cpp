@@ -33,6 +33,13 @@ constexpr CCodeText kCloseTexts[] = {
     {10054, "The connection was reset by the remote side."},
 };
 
+constexpr CCodeText kNameTexts[] = {
+    {11001, "The name of the host is not known."},
+    {11002, "No name server answers."},
+    {11003, "The name server has failed."},
+    {11004, "The name of the host has no address."},
+};
+
 std::string_view Find(std::span<const CCodeText> texts, int32_t code) {
   for (const CCodeText& text : texts) {
     if (text.m_nCode == code) return text.m_text;
@@ -48,6 +55,11 @@ std::string_view ConnectErrorText(int32_t code) {
 
 std::string_view CloseErrorText(int32_t code) {
   return Find(kCloseTexts, code);
+}
+
+std::string OtherErrorText(int32_t code) {
+  const std::string_view text = Find(kNameTexts, code);
+  return text.empty() ? "Socket error " + std::to_string(code) + "." : std::string(text);
 }
 
 }  // namespace kvl

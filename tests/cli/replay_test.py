@@ -95,6 +95,8 @@ class ReplayTest(kvl.FolderTest):
         whole = self.file("whole", b"kvl capture 1\n0 61\n")
         cut = self.file("cut", b"kvl capture 1\n0 61\n1000 6262")
         self.assertEqual(kvl.replay(script, cut), kvl.replay(script, whole))
+        edited = self.file("edited", whole.read_bytes().replace(b"\n", b"\r\n"))
+        self.assertEqual(kvl.replay(script, edited), kvl.replay(script, whole))
 
     def test_pipe_may_bring_what_begins_like_a_capture(self):
         script = self.file("count.kvl", COUNT)

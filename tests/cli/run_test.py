@@ -1,5 +1,6 @@
 """`kvl run` from outside: a session on a socket and on a pseudo-terminal, from its start to Ctrl-C."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -10,6 +11,7 @@ import signal
 import socket
 import subprocess
 import tempfile
+import time
 import tty
 import unittest
 
@@ -152,23 +154,70 @@ class RunTest(kvl.FolderTest):
                 process.terminate()
                 self.assertEqual(process.wait(PATIENCE), 1)
                 if errors == subprocess.PIPE:
-                    self.assertIn(b"nobody takes them", process.stderr.read())
+                    self.assertIn(b"nobody took them", process.stderr.read())
+
+    def test_reader_that_comes_late_gets_all_to_the_summary(self):
+        flood = self.tcp + 'BEGIN:\nPRINT "' + "A" * 100 + '"\nEND:\n'
+        command = kvl.command("run", "--json", self.file("script.kvl", flood))
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+            self.accept()
+            time.sleep(1)  # there is more than the list of the program holds
+            process.terminate()
+            *_, summary = process.stdout
+            self.assertEqual(json.loads(summary)["event"], "summary")
+            self.assertEqual(process.wait(PATIENCE), 0)
+
+    def test_warning_that_nobody_takes_holds_up_no_output(self):
+        read, write = os.pipe()
+        os.set_blocking(write, False)
+        with self.assertRaises(BlockingIOError):
+            while True:
+                os.write(write, b"x" * 4096)
+        os.set_blocking(write, True)
+        body = f'EQU T "TAG"\nTABLE_NAME "NONE {os.getpid()}"\nBEGIN:\nPUT T, 1\nEND:\n'
+        script = self.file("script.kvl", self.tcp + body)
+        with subprocess.Popen(
+            kvl.command("run", "--json", script), stdout=subprocess.PIPE, stderr=write
+        ) as process:
+            self.accept()
+            while b'"connected"' not in process.stdout.readline():
+                pass
+            process.terminate()
+            self.assertEqual(process.wait(PATIENCE), 0)
+        os.close(read)
+        os.close(write)
+        kvl.run("table", "remove", f"NONE {os.getpid()}")
+
+    def test_sync_is_answered_and_told(self):
+        with Session(self.tcp + ECHO.replace("OUT RX", "SYNC 7\nSYNC 8\nOUT RX")) as session:
+            peer = self.accept()
+            start = time.monotonic()
+            for _ in range(10):
+                peer.sendall(b"x")
+                peer.recv(16)
+            self.assertLess(time.monotonic() - start, 10)  # 20 s if nobody answered
+            self.assertEqual(session.end(), 0)
+            values = [e["value"] for e in session.events if e["event"] == "sync"]
+            self.assertEqual(values, [7, 8] * 10)
 
     def test_output_that_cannot_be_written_is_told_once_and_the_session_goes_on(self):
         script = self.file("script.kvl", self.tcp + ECHO)
-        with open("/dev/full", "wb") as full:
+        read, unread = os.pipe()
+        os.close(read)
+        for output in (os.open("/dev/full", os.O_WRONLY), unread):
             process = subprocess.Popen(
-                kvl.command("run", "--trace", script), stdout=full, stderr=subprocess.PIPE
+                kvl.command("run", "--trace", script), stdout=output, stderr=subprocess.PIPE
             )
-        peer = self.accept()
-        for text in (b"one", b"two"):
-            peer.sendall(text)
-            self.assertEqual(peer.recv(16), text)
-        process.send_signal(signal.SIGINT)
-        errors = process.communicate(timeout=PATIENCE)[1].decode()
-        self.assertEqual(process.returncode, 1)
-        self.assertEqual(errors.count("standard output can't be written; the work goes on"), 1)
-        self.assertIn("lines were not printed", errors)
+            os.close(output)
+            peer = self.accept()
+            for text in (b"one", b"two"):
+                peer.sendall(text)
+                self.assertEqual(peer.recv(16), text)
+            process.send_signal(signal.SIGINT)
+            errors = process.communicate(timeout=PATIENCE)[1].decode()
+            self.assertEqual(process.returncode, 1)
+            self.assertEqual(errors.count("standard output can't be written; the work goes on"), 1)
+            self.assertIn("lines were not printed", errors)
 
     def test_stream_that_is_missing_is_not_taken_for_the_line(self):
         script = self.file("script.kvl", self.tcp + ECHO)
@@ -285,10 +334,7 @@ class RunTest(kvl.FolderTest):
         self.assertIn("no serial port", self.failure(file))
 
     def test_capture_that_can_no_longer_be_written_ends_at_a_record(self):
-        def limit():
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (64, 64))
-
+        limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (64, 64))
         capture = self.folder / "capture"
         with Session(self.tcp + ECHO, "--capture", capture, preexec_fn=limit) as session:
             peer = self.accept()
@@ -302,6 +348,20 @@ class RunTest(kvl.FolderTest):
             prints = [e["hex"] for e in events if e["event"] == "print"]
             self.assertEqual(bytes.fromhex(prints[0]), b"first one")
             self.assertEqual(len(prints), 2)
+
+    def test_capture_that_nobody_takes_holds_up_neither_the_answers_nor_the_end(self):
+        capture = self.folder / "capture"
+        os.mkfifo(capture)
+        reader = os.open(capture, os.O_RDONLY | os.O_NONBLOCK)
+        fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, 4096)
+        with Session(self.tcp + ECHO, "--capture", capture) as session:
+            peer = self.accept()
+            for _ in range(100):
+                peer.sendall(b"x" * 50)
+                peer.recv(64)
+            self.assertEqual(session.end(), 1)
+            self.assertIn(b"could not be written in full", session.process.stderr.read())
+        os.close(reader)
 
     def test_capture_replays_what_the_line_brought(self):
         capture = self.folder / "capture"
@@ -333,6 +393,7 @@ class RunTest(kvl.FolderTest):
             (2, "--capture", nowhere, script),
             (2, "--capture", script, script),
             (2, "--capture", "/dev/full", script),
+            (2, "--capture", "-", script),
             (2, "--capture", "", script),
             (1, lineless),
         ):
