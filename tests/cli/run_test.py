@@ -157,14 +157,18 @@ class RunTest(kvl.FolderTest):
                     self.assertIn(b"nobody took them", process.stderr.read())
 
     def test_reader_that_comes_late_gets_all_to_the_summary(self):
-        flood = self.tcp + 'BEGIN:\nPRINT "' + "A" * 100 + '"\nEND:\n'
+        flood = self.tcp + 'BEGIN:\nTURN:\nPRINT "' + "A" * 50 + '"\nJP TURN\nEND:\n'
         command = kvl.command("run", "--json", self.file("script.kvl", flood))
         with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
             self.accept()
-            time.sleep(1)  # there is more than the list of the program holds
+            memory = pathlib.Path(f"/proc/{process.pid}/statm")
+            held = None
+            while held != (held := memory.read_text()):  # the list of what waits still grows
+                time.sleep(0.5)
             process.terminate()
-            *_, summary = process.stdout
-            self.assertEqual(json.loads(summary)["event"], "summary")
+            *_, summary = map(json.loads, process.stdout)
+            self.assertEqual(summary["event"], "summary")
+            self.assertGreater(summary["unsaid"], 0)
             self.assertEqual(process.wait(PATIENCE), 0)
 
     def test_warning_that_nobody_takes_holds_up_no_output(self):
