@@ -67,12 +67,11 @@ void LookUpName(const std::string& name, std::shared_ptr<CLoopCore> pLoop, FTake
   CLookups& lookups = Lookups();
   const std::lock_guard guard(lookups.lock);
   const auto [entry, isNew] = lookups.names.try_emplace(name);
-  entry->second.push_back({std::move(pLoop), std::move(take)});
-  if (!isNew) return;
   try {
-    std::thread([name] { LookUp(name); }).detach();
+    entry->second.push_back({std::move(pLoop), std::move(take)});
+    if (isNew) std::thread([name] { LookUp(name); }).detach();
   } catch (...) {
-    lookups.names.erase(entry);
+    if (isNew) lookups.names.erase(entry);  // nobody would ever answer it
     throw;
   }
 }

@@ -19,7 +19,7 @@ using FTakeAddresses =
 // are none; not at all if the loop ends first. The system's own look-up can't be broken off, and
 // takes as long as its name servers do: so each name has a thread to itself that nobody waits for,
 // and who asks for a name that is being looked up already shares the answer.
-// Throws std::system_error if the system gives no thread.
+// Throws a std::exception if the system gives no thread or no memory.
 void LookUpName(const std::string& name, std::shared_ptr<CLoopCore> pLoop, FTakeAddresses take);
 
 }  // namespace kvl

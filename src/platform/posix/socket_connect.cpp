@@ -47,7 +47,7 @@ void CAsyncSocket::Impl::Connect(const std::string& strHost, uint32_t nPort) {
   };
   try {
     LookUpName(strHost, pLoop, Handler(take));
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     FinishLater(kSockErrNoBuffers);
   }
 }
