@@ -1,5 +1,6 @@
 """The hosts of docs/embedding.md, built as it tells and at work together."""
 
+import contextlib
 import os
 import re
 import subprocess
@@ -60,9 +61,12 @@ class EmbeddingTest(unittest.TestCase):
             script = (HOSTS / "level.kvl").read_text()
             (self.checkout / "level.kvl").write_text(
                 script.replace("5021", port).replace('"HOSTS"', f'"{table}"'))
-            with Program(read, **self.options) as reader, Program(decode, **self.options) as host:
-                self.assertEqual([reader.line() for _ in range(3)],
-                                 ["LEVEL 0", "LEVEL 12.5", "LEVEL 13"])
+            with contextlib.ExitStack() as programs:
+                reader = programs.enter_context(Program(read, **self.options))
+                # The reader is at its wait before there is anything to be told of.
+                self.assertEqual(reader.line(), "LEVEL 0")
+                host = programs.enter_context(Program(decode, **self.options))
+                self.assertEqual([reader.line() for _ in range(2)], ["LEVEL 12.5", "LEVEL 13"])
                 peer = f"127.0.0.1:{port}"
                 self.assertEqual([host.line() for _ in range(6)],
                                  [f"connecting {peer}", f"connected {peer}"] +
