@@ -77,7 +77,7 @@ LRESULT CDecodeCtrl::WindowProc(uint32_t nMessage, WPARAM wParam, LPARAM lParam)
       return OnCloseSocket(wParam, lParam);
     case kMsgPortLost:
       // A message of an earlier session says nothing about the port of this one.
-      if (m_pKVL != nullptr && m_port.Get() == nullptr)
+      if (m_pKVL != nullptr && wParam == m_nSession && m_port.Get() == nullptr)
         Tell(ESessionStatus::Lost, m_commPort.szPort);
       return 0;
     default:
@@ -112,6 +112,7 @@ int32_t CDecodeCtrl::StartSession() {
   if (!m_bVerified) return -1;
   Stop();
   if (m_pKVL != nullptr) return -1;  // who heard of the stop has started another session
+  ++m_nSession;
   m_session.m_pObserver = m_pObserver;
   m_session.m_hControl = GetSafeHwnd();
   m_session.m_nControlID = static_cast<uint32_t>(GetDlgCtrlID());
@@ -175,12 +176,18 @@ std::string CDecodeCtrl::Peer() const {
 }
 
 void CDecodeCtrl::OpenSocket() {
+  if (Guarded([this] { return StartConnect(); }) != 0) FinishConnect(kSockErrNoBuffers);
+}
+
+int32_t CDecodeCtrl::StartConnect() {
+  const std::string peer = Peer();
   const auto socket = std::make_shared<CClientSock>();
   socket->SetWnd(GetSafeHwnd());
   socket->Create(0, kSockStream, kFdAll, nullptr);
   m_socket.Replace(socket);
-  socket->Connect(m_strHost, static_cast<uint32_t>(m_nPort));
-  Tell(ESessionStatus::Connecting, Peer());
+  if (socket->Connect(m_strHost, static_cast<uint32_t>(m_nPort)) == 0) return -1;
+  Tell(ESessionStatus::Connecting, peer);
+  return 0;
 }
 
 void CDecodeCtrl::CloseSocket() {
@@ -192,16 +199,15 @@ void CDecodeCtrl::CloseSocket() {
 void CDecodeCtrl::OnRecreateSocket() {
   if (m_pKVL == nullptr || m_nInterface != kMediaTcp) return;
   CloseSocket();
-  const int32_t result = Guarded([this] {
-    OpenSocket();
-    return 0;
-  });
-  if (result != 0) Tell(ESessionStatus::ConnectFailed, ConnectErrorText(kSockErrNoBuffers));
+  OpenSocket();
 }
 
 LRESULT CDecodeCtrl::OnConnect(WPARAM hSocket, LPARAM lParam) {
-  if (CAsyncSocket::LookupHandle(hSocket) == nullptr) return 0;
-  int32_t error = ErrorOf(lParam);
+  if (CAsyncSocket::LookupHandle(hSocket) != nullptr) FinishConnect(ErrorOf(lParam));
+  return 0;
+}
+
+void CDecodeCtrl::FinishConnect(int32_t error) {
   if (!StartWorker()) {
     error = kSockErrNoBuffers;
     CloseSocket();  // nobody would take its bytes
@@ -214,7 +220,6 @@ LRESULT CDecodeCtrl::OnConnect(WPARAM hSocket, LPARAM lParam) {
     m_strStatus = ConnectErrorText(error);
     Tell(ESessionStatus::ConnectFailed, m_strStatus.empty() ? OtherErrorText(error) : m_strStatus);
   }
-  return 0;
 }
 
 LRESULT CDecodeCtrl::OnReceiveSocket(WPARAM hSocket, LPARAM /*lParam*/) {
@@ -256,6 +261,8 @@ int32_t CDecodeCtrl::OnReopenPort() {
 bool CDecodeCtrl::StartWorker() {
   if (m_thread.joinable()) return true;
   if (m_pKVL == nullptr) return false;
+  m_loop = CMessageLoop::Current();
+  m_bWorkerEnded = false;
   m_bLossUntold = false;
   m_bDecoding = false;
   m_session.Start();
@@ -271,6 +278,8 @@ void CDecodeCtrl::StopWorker() {
   m_session.Stop();
   m_port.Interrupt();
   m_socket.Interrupt();
+  // The observer may be sending a message to a window of this thread.
+  m_loop.WaitServingCalls([this] { return m_bWorkerEnded.load(); });
   m_thread.join();
 }
 
@@ -287,6 +296,12 @@ void CDecodeCtrl::Stop() {
 void CDecodeCtrl::WorkerThread(const std::string& script) noexcept {
   SetThreadName("kvl worker");
   SetThreadPriority(kPriorityBelowNormal);
+  RunScript(script);
+  m_bWorkerEnded = true;
+  m_loop.Wake();
+}
+
+void CDecodeCtrl::RunScript(const std::string& script) {
   m_pKVL->_CompileMainScript1(m_pKVL->LoadScript(script.c_str()));
   m_nBusyPasses = 0;
   m_nBusyPassesNext = 0;
@@ -388,7 +403,7 @@ void CDecodeCtrl::LosePort(const std::shared_ptr<CRS232Ctrl>& port) {
 
 void CDecodeCtrl::TellLoss() {
   const HWND control = m_session.m_hControl;
-  m_bLossUntold = PostMessageA(control, kMsgPortLost, 0, 0) == 0 && IsWindow(control);
+  m_bLossUntold = PostMessageA(control, kMsgPortLost, m_nSession, 0) == 0 && IsWindow(control);
 }
 
 }  // namespace kvl

@@ -18,6 +18,7 @@
 #include "control/session.h"
 #include "control/session_observer.h"
 #include "platform/api.h"
+#include "platform/message_loop.h"
 #include "platform/window.h"
 #include "script/KVL.h"
 #include "transport/Queue.h"
@@ -114,6 +115,8 @@ class KVL_API CDecodeCtrl : public CStatic {
   int32_t OpenPort(CWnd* pOwner);
   std::string Peer() const;
   void OpenSocket();
+  int32_t StartConnect();
+  void FinishConnect(int32_t error);
   void CloseSocket();
   void Queue(std::span<const uint8_t> bytes);
   bool StartWorker();
@@ -122,6 +125,7 @@ class KVL_API CDecodeCtrl : public CStatic {
 
   // The worker's part.
   void WorkerThread(const std::string& script) noexcept;
+  void RunScript(const std::string& script);
   void Turn();
   void DrainPort();
   void RunPass();
@@ -133,7 +137,10 @@ class KVL_API CDecodeCtrl : public CStatic {
 
   std::thread m_thread;
   CSession m_session;
+  uint32_t m_nSession = 0;  // counts the sessions
   CQueue m_queue;
+  CMessageLoop m_loop;  // of the thread that started the worker
+  std::atomic<bool> m_bWorkerEnded{false};
   std::atomic<bool> m_bDecoding{false};  // raised ahead of taking bytes from the queue
   std::mutex m_csQueue;  // for who puts; contended only if a host sends receive events of its own
   std::string m_strScriptName;
@@ -143,7 +150,7 @@ class KVL_API CDecodeCtrl : public CStatic {
   COMM m_commPort;  // of the session's port
   uint32_t m_dwPortError = 0;
   CLineSlot<CClientSock> m_socket;
-  uint32_t m_nInterface = 1;
+  std::atomic<uint32_t> m_nInterface{1};
   std::string m_strHost;
   int32_t m_nPort = 0;
   bool m_bConnected = false;

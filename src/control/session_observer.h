@@ -22,7 +22,8 @@ enum class ESessionStatus {
 // Threads: OnStatus on the control's thread. OnReceived on the thread that takes the bytes from
 //          the line, never on two at once: the worker's, or the control's on a socket while the
 //          worker is busy. The others on the worker. OnStatus may call every operation of the
-//          control, but may not destroy it; the others may call none.
+//          control, but may not destroy it; the others may call none, nor wait for another thread
+//          that does: who sends a message to a window must not have it stop the session.
 // Owner:   the host's; it outlives the session.
 // Errors:  an observer does not throw. If one does, OnStatus counts as returned; the others end
 //          the pass that is under way.

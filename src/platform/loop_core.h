@@ -3,11 +3,11 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <asio/post.hpp>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -16,6 +16,8 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "platform/message_loop.h"
 
 namespace kvl {
 
@@ -31,7 +33,6 @@ class CLoopResource {
 
 class CLoopCore {
  public:
-  using Task = std::function<void()>;
   using TimePoint = std::chrono::steady_clock::time_point;
 
   // How long a call waits for a thread that serves nothing.
@@ -52,27 +53,36 @@ class CLoopCore {
   void Detach(CLoopResource* pResource) { m_resources.erase(pResource); }
   bool RunUntil(const std::function<bool()>& done, std::optional<TimePoint> deadline);
   bool PollOne();
-  bool TakeQuit() { return std::exchange(m_bQuit, false); }
+  bool TakeQuit();
   void End();
 
-  // Any thread.
+  // Own thread; see CMessageLoop.
+  void WaitServingCalls(const std::function<bool()>& done);
+
+  // Any thread. False if the loop has ended, is full or has no memory for the task.
+  template <typename Task>
   bool Post(Task task);
   // The same without a limit, for what this folder owes the loop.
-  bool PostUncounted(Task task);
+  template <typename Task>
+  bool PostUncounted(Task task) noexcept;
   void Quit();
+  void Wake();
 
   // Runs `task` on the loop's thread and returns when it has run; from that thread itself at
   // once. While it waits, the caller's own loop serves calls, and nothing else, so that two
   // threads may call each other. False, and `task` will not run, if the loop has ended, ends
-  // first, or does not take the call up within kCallPatience.
-  bool Call(const Task& task);
+  // first, or does not take the call up within kCallPatience, and without memory for the call.
+  bool Call(const std::function<void()>& task) noexcept;
 
  private:
   struct CMailbox;
   struct CCall;
 
   static void Serve(CCall& call);
-  void ServeCalls();
+  static void ServeCalls(CMailbox& mailbox);
+  static bool Await(CMailbox& mailbox, const std::function<bool()>& done,
+                    std::optional<TimePoint> deadline, std::unique_lock<std::mutex>& guard);
+  bool CallOther(const std::function<void()>& task);
 
   const std::thread::id m_thread;
   const std::shared_ptr<CMailbox> m_pMailbox;
@@ -81,8 +91,8 @@ class CLoopCore {
   std::optional<asio::io_context> m_io;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> m_work;
   std::set<CLoopResource*> m_resources;
-  bool m_bQuit = false;  // own thread only
-  std::atomic<int32_t> m_nPosted{0};
+  uint32_t m_nQuits = 0;  // that have had their turn and ended no Run yet; own thread only
+  std::atomic<int32_t> m_nPosted{0};  // tasks of Post that wait
 };
 
 // Ends the windows of a loop, on its thread (window.cpp).
@@ -99,6 +109,31 @@ void RunGuarded(Handler&& handler) noexcept {
   } catch (...) {
     // A handler has nobody to report to: the next event is served as if it had returned.
   }
+}
+
+template <typename Task>
+bool CLoopCore::PostUncounted(Task task) noexcept {
+  const std::lock_guard guard(m_ioLock);
+  if (m_bEnded) return false;
+  try {
+    asio::post(*m_io, [task = std::move(task)] { RunGuarded(task); });
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+template <typename Task>
+bool CLoopCore::Post(Task task) {
+  if (m_nPosted.fetch_add(1) < CMessageLoop::kMaxPosted &&
+      PostUncounted([this, task = std::move(task)] {
+        --m_nPosted;
+        task();
+      })) {
+    return true;
+  }
+  --m_nPosted;
+  return false;
 }
 
 }  // namespace kvl

@@ -1,9 +1,9 @@
 #include "platform/message_loop.h"
 
-#include <asio/post.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
-#include <exception>
+#include <condition_variable>
+#include <deque>
 #include <utility>
 
 #include "platform/loop_core.h"
@@ -21,7 +21,7 @@ struct CLoopCore::CMailbox {
 struct CLoopCore::CCall {
   enum class State { kWaiting, kTaken, kRun, kRefused };
 
-  const Task* pTask;
+  const std::function<void()>* pTask;
   std::shared_ptr<CMailbox> pCaller;  // its lock guards the state
   State state = State::kWaiting;
 
@@ -73,6 +73,9 @@ CLoopCore::CLoopCore()
     : m_thread(std::this_thread::get_id()), m_pMailbox(std::make_shared<CMailbox>()) {
   m_io.emplace();
   m_work.emplace(m_io->get_executor());
+  // The io_context takes what it needs of the system with its first timer or socket. A loop that
+  // is there has it all: a shortage then shows where the loop is made, and nowhere else.
+  const asio::steady_timer first(*m_io);
 }
 
 void CLoopCore::End() {
@@ -112,32 +115,15 @@ bool CLoopCore::PollOne() {
   return m_io->poll_one() != 0;
 }
 
-bool CLoopCore::PostUncounted(Task task) {
-  const std::lock_guard guard(m_ioLock);
-  if (m_bEnded) return false;
-  try {
-    asio::post(*m_io, [task = std::move(task)] { RunGuarded(task); });
-    return true;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-bool CLoopCore::Post(Task task) {
-  if (m_nPosted.fetch_add(1) < CMessageLoop::kMaxPosted &&
-      PostUncounted([this, task = std::move(task)] {
-        --m_nPosted;
-        task();
-      })) {
-    return true;
-  }
-  --m_nPosted;
-  return false;
+bool CLoopCore::TakeQuit() {
+  if (m_nQuits == 0) return false;
+  --m_nQuits;
+  return true;
 }
 
 void CLoopCore::Quit() {
   // In its turn, so that what came before it is served before the loop ends.
-  PostUncounted([this] { m_bQuit = true; });
+  PostUncounted([this] { ++m_nQuits; });
 }
 
 void CLoopCore::Serve(CCall& call) {
@@ -146,24 +132,60 @@ void CLoopCore::Serve(CCall& call) {
   call.Move(CCall::State::kTaken, CCall::State::kRun);
 }
 
-void CLoopCore::ServeCalls() {
+void CLoopCore::ServeCalls(CMailbox& mailbox) {
   for (;;) {
     std::shared_ptr<CCall> pCall;
     {
-      const std::lock_guard guard(m_pMailbox->lock);
-      if (m_pMailbox->calls.empty()) return;
-      pCall = std::move(m_pMailbox->calls.front());
-      m_pMailbox->calls.pop_front();
+      const std::lock_guard guard(mailbox.lock);
+      if (mailbox.calls.empty()) return;
+      pCall = std::move(mailbox.calls.front());
+      mailbox.calls.pop_front();
     }
     Serve(*pCall);
   }
 }
 
-bool CLoopCore::Call(const Task& task) {
+// Waits for `done`, which is asked at each change of the mailbox, and serves the calls that arrive
+// there meanwhile. False if the deadline came first. `guard` holds the mailbox's lock.
+bool CLoopCore::Await(CMailbox& mailbox, const std::function<bool()>& done,
+                      std::optional<TimePoint> deadline, std::unique_lock<std::mutex>& guard) {
+  while (!done()) {
+    if (!mailbox.calls.empty()) {
+      guard.unlock();
+      ServeCalls(mailbox);
+      guard.lock();
+    } else if (!deadline) {
+      mailbox.changed.wait(guard);
+    } else if (mailbox.changed.wait_until(guard, *deadline) == std::cv_status::timeout) {
+      return done();
+    }
+  }
+  return true;
+}
+
+void CLoopCore::WaitServingCalls(const std::function<bool()>& done) {
+  std::unique_lock guard(m_pMailbox->lock);
+  Await(*m_pMailbox, done, std::nullopt, guard);
+}
+
+void CLoopCore::Wake() {
+  const std::lock_guard guard(m_pMailbox->lock);
+  m_pMailbox->changed.notify_all();
+}
+
+bool CLoopCore::Call(const std::function<void()>& task) noexcept {
   if (IsOwnThread()) {
     RunGuarded(task);
     return true;
   }
+  try {
+    return CallOther(task);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool CLoopCore::CallOther(const std::function<void()>& task) {
   const std::shared_ptr<CLoopCore> pOwn = Existing();
   const auto pCall = std::make_shared<CCall>();
   pCall->pTask = &task;
@@ -175,24 +197,18 @@ bool CLoopCore::Call(const Task& task) {
     m_pMailbox->changed.notify_all();  // it may be waiting in a call of its own
   }
   // The owner of this reference keeps the loop alive until the task has run or been dropped.
-  PostUncounted([this] { ServeCalls(); });
+  PostUncounted([pMailbox = m_pMailbox] { ServeCalls(*pMailbox); });
 
+  using State = CCall::State;
+  const auto isTakenUp = [&call = *pCall] { return call.state != State::kWaiting; };
+  const auto isOver = [&call = *pCall] { return call.state != State::kTaken; };
   CMailbox& own = *pCall->pCaller;
   const TimePoint patience = std::chrono::steady_clock::now() + kCallPatience;
   std::unique_lock guard(own.lock);
-  while (pCall->state == CCall::State::kWaiting || pCall->state == CCall::State::kTaken) {
-    if (!own.calls.empty()) {
-      guard.unlock();
-      pOwn->ServeCalls();
-      guard.lock();
-    } else if (pCall->state == CCall::State::kTaken) {
-      own.changed.wait(guard);
-    } else if (own.changed.wait_until(guard, patience) == std::cv_status::timeout &&
-               pCall->state == CCall::State::kWaiting) {
-      pCall->state = CCall::State::kRefused;  // who takes it up later finds it withdrawn
-    }
-  }
-  return pCall->state == CCall::State::kRun;
+  // Who takes it up later finds it withdrawn.
+  if (!Await(own, isTakenUp, patience, guard)) pCall->state = State::kRefused;
+  Await(own, isOver, std::nullopt, guard);
+  return pCall->state == State::kRun;
 }
 
 CMessageLoop CMessageLoop::Current() {
@@ -230,10 +246,18 @@ bool CMessageLoop::Post(Task task) {
   return m_pCore && m_pCore->Post(std::move(task));
 }
 
+void CMessageLoop::WaitServingCalls(const std::function<bool()>& done) {
+  if (IsOwn()) m_pCore->WaitServingCalls(done);
+}
+
+void CMessageLoop::Wake() {
+  if (m_pCore) m_pCore->Wake();
+}
+
 struct CTimer::Impl final : CLoopResource, std::enable_shared_from_this<CTimer::Impl> {
   std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
-  std::optional<asio::steady_timer> timer;
-  uint64_t nRound = 0;  // tells a task that was stopped when it was due already
+  std::optional<asio::steady_timer> timer;  // until the loop ends
+  uint64_t nRound = 0;                      // tells a task that was stopped when it was due already
 
   void OnLoopEnd() override { timer.reset(); }
 
@@ -247,25 +271,35 @@ struct CTimer::Impl final : CLoopResource, std::enable_shared_from_this<CTimer::
   }
 };
 
-CTimer::CTimer() : m_pImpl(std::make_shared<Impl>()) {
-  if (!m_pImpl->pLoop) return;
-  m_pImpl->timer.emplace(m_pImpl->pLoop->Io());
-  m_pImpl->pLoop->Attach(m_pImpl.get());
+CTimer::CTimer() {
+  RunGuarded([this] {
+    auto pImpl = std::make_shared<Impl>();
+    if (!pImpl->pLoop) return;
+    pImpl->timer.emplace(pImpl->pLoop->Io());
+    pImpl->pLoop->Attach(pImpl.get());
+    m_pImpl = std::move(pImpl);
+  });
 }
 
 CTimer::~CTimer() {
+  if (!m_pImpl) return;
   Stop();
   if (m_pImpl->timer) m_pImpl->pLoop->Detach(m_pImpl.get());
   m_pImpl->timer.reset();
 }
 
 bool CTimer::Start(int32_t delayMs, CMessageLoop::Task task) {
-  if (!m_pImpl->timer) return false;
-  m_pImpl->Start(delayMs, std::move(task));
-  return true;
+  if (!m_pImpl || !m_pImpl->timer) return false;
+  try {
+    m_pImpl->Start(delayMs, std::move(task));
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 void CTimer::Stop() {
+  if (!m_pImpl) return;
   ++m_pImpl->nRound;
   if (m_pImpl->timer) m_pImpl->timer->cancel();
 }
@@ -291,8 +325,10 @@ struct CInterruptWatch::Impl final : CLoopResource,
 CInterruptWatch::CInterruptWatch(CMessageLoop::Task task) : m_pImpl(std::make_shared<Impl>()) {
   m_pImpl->task = std::move(task);
   if (!m_pImpl->pLoop) return;
-  m_pImpl->signals.emplace(m_pImpl->pLoop->Io());
-  asio::error_code ignored;  // a signal that can't be watched keeps its ordinary effect
+  // A signal that can't be watched keeps its ordinary effect.
+  RunGuarded([this] { m_pImpl->signals.emplace(m_pImpl->pLoop->Io()); });
+  if (!m_pImpl->signals) return;
+  asio::error_code ignored;
   for (const int number : EndingSignals()) m_pImpl->signals->add(number, ignored);
   m_pImpl->pLoop->Attach(m_pImpl.get());
   m_pImpl->Wait();

@@ -14,8 +14,8 @@ class CLoopCore;
 // A handle to one thread's loop; copies share it. Windows, sockets, timers and tasks of a thread
 // are served only while one of the Run operations is under way on it, in the order in which they
 // came. Run operations may nest.
-// Threads: the Run operations work on the loop's own thread and do nothing on another; Post and
-//          Quit may be called from any thread, also after the loop's thread has ended.
+// Threads: the Run operations work on the loop's own thread and do nothing on another; Post, Quit
+//          and Wake may be called from any thread, also after the loop's thread has ended.
 // Errors:  a task that throws counts as one that returned.
 class KVL_API CMessageLoop {
  public:
@@ -44,6 +44,13 @@ class KVL_API CMessageLoop {
   // Has the loop's thread run `task`. False if it has ended or kMaxPosted tasks wait already.
   bool Post(Task task);
 
+  // Waits until `done` holds, on the loop's own thread, and serves meanwhile what other threads
+  // send to its windows (SendMessageA), and nothing else: so one may wait for a thread that may be
+  // in such a call. `done` must not wait itself; it is asked anew at each Wake, which any thread
+  // may call.
+  void WaitServingCalls(const std::function<bool()>& done);
+  void Wake();
+
  private:
   bool IsOwn() const;
 
@@ -59,7 +66,7 @@ class KVL_API CTimer {
   CTimer(const CTimer&) = delete;
   CTimer& operator=(const CTimer&) = delete;
 
-  // Replaces a task that still waits. False if the thread has no loop.
+  // Replaces a task that still waits. False if the thread has no loop, or the timer no memory.
   bool Start(int32_t delayMs, CMessageLoop::Task task);
 
   // The waiting task, if any, will not run.

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/api.h"
 #include "platform/named_object.h"
@@ -32,9 +34,15 @@ class KVL_API CNamedSemaphore {
   bool IsOpen() const { return m_pShared != nullptr; }
   uint32_t Error() const { return m_dwError; }  // why it isn't open or couldn't be taken
 
-  // Waits without limit. A semaphore that was removed is opened again if another one has been
-  // made in the meantime; otherwise kNo with kErrorNotFound. kNo with kErrorDeadlock if the
-  // calling thread holds the same semaphore already, through this or another object.
+  // Has a Take that waits go on for as long as `keepWaiting` holds, which it asks every 20 ms;
+  // without one it waits without limit. (A holder that is stopped, by a debugger for one, neither
+  // releases nor dies.)
+  void SetKeepWaiting(std::function<bool()> keepWaiting) { m_keepWaiting = std::move(keepWaiting); }
+
+  // Waits, and holds it. kNo with kErrorTimeout if the wait was ended. A semaphore that was removed
+  // is opened again if another one has been made in the meantime; otherwise kNo with
+  // kErrorNotFound. kNo with kErrorDeadlock if the calling thread holds the same semaphore already,
+  // through this or another object.
   ETaken Take();
   void Release();
 
@@ -56,11 +64,13 @@ class KVL_API CNamedSemaphore {
 
   bool Open();
   void Close();
+  int Wait();
   void DropName();
 
   std::string m_strName;
   EOpenMode m_mode;  // kOpenExisting once it was held: nobody makes anew what was removed
   EAudience m_audience;
+  std::function<bool()> m_keepWaiting;
   Shared* m_pShared = nullptr;
   const uint64_t* m_pnChangeCount = nullptr;  // in m_pShared
   uint64_t m_nDevice = 0;  // with m_nNumber: which of the objects that have had the name

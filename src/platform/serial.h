@@ -70,7 +70,8 @@ class KVL_API CSerialDevice {
   uint32_t Read(void* pBuffer, int32_t nSize, int32_t* pRead);
 
   // Sends all bytes; `*pWritten` gets how many the device has taken. Ends, as a success, when
-  // `timeoutMs` milliseconds have gone by (-1: no limit) and after Interrupt.
+  // `timeoutMs` milliseconds have gone by (-1: no limit), after Interrupt, and after a Close
+  // meanwhile.
   uint32_t Write(const void* pBuffer, int32_t nSize, int32_t timeoutMs, int32_t* pWritten);
 
   // Until the next Open no Write waits any more, the one under way included.

@@ -55,7 +55,8 @@ inline constexpr int32_t kSockErrRefused = 10061;
 //          any thread.
 // Owner:   the object closes its socket in its destructor. A notification may close and destroy
 //          the object that it runs on, if it touches nothing of it afterwards.
-// Errors:  operations give 0, false or -1, and the code with GetLastError.
+// Errors:  operations give 0, false or -1, and the code with GetLastError. A Listen or Accept that
+//          there is no memory for closes the socket.
 class KVL_API CAsyncSocket {
  public:
   // How long a connect may take, and what one OnReceive hands out before other events of the loop
@@ -86,7 +87,7 @@ class KVL_API CAsyncSocket {
 
   // Starts a connect to a numeric address or a name, which is looked up without holding up the
   // loop. Non-zero if the outcome will come as OnConnect, failures of every kind included; 0 if
-  // there is no handle or a connect or connection already.
+  // there is no handle, a connect or connection already, or no memory to begin one.
   int32_t Connect(const std::string& strHost, uint32_t nPort);
 
   // Gives the connection that OnAccept tells of to `socket`, which is closed first if need be,

@@ -181,7 +181,8 @@ LRESULT SendMessageA(HWND hWnd, uint32_t nMessage, WPARAM wParam, LPARAM lParam)
   const std::shared_ptr<CLoopCore> pLoop = Look(hWnd, &CWindowRecord::pLoop);
   if (!pLoop) return 0;
   LRESULT result = 0;
-  return pLoop->Call([&] { result = Dispatch(hWnd, nMessage, wParam, lParam); }) ? result : 0;
+  const auto dispatch = [&] { result = Dispatch(hWnd, nMessage, wParam, lParam); };
+  return pLoop->Call(std::ref(dispatch)) ? result : 0;
 }
 
 int32_t PostMessageA(HWND hWnd, uint32_t nMessage, WPARAM wParam, LPARAM lParam) {

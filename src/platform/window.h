@@ -34,7 +34,8 @@ struct NMHDR {
 };
 
 // A window and its message handlers. The window belongs to the thread that creates it.
-// Threads: every operation on that thread; other threads send and post messages to the handle.
+// Threads: every operation on that thread, but for DestroyWindow; other threads send and post
+//          messages to the handle.
 // Owner:   the object is its creator's and destroys its window in its destructor; a handler other
 //          than that of kWmDestroy may destroy the object that it runs on, if it touches nothing
 //          of it afterwards.
@@ -108,8 +109,8 @@ KVL_API int32_t GetDlgCtrlID(HWND hWnd);
 KVL_API LRESULT SendMessageA(HWND hWnd, uint32_t nMessage, WPARAM wParam, LPARAM lParam);
 
 // Queues the message for the window's loop. Non-zero if it was queued; 0 if there is no such
-// window or CMessageLoop::kMaxPosted messages wait there. A message whose window is gone when its
-// turn comes is dropped.
+// window, CMessageLoop::kMaxPosted messages wait there, or there is no memory for it. A message
+// whose window is gone when its turn comes is dropped.
 KVL_API int32_t PostMessageA(HWND hWnd, uint32_t nMessage, WPARAM wParam, LPARAM lParam);
 
 }  // namespace kvl

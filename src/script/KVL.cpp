@@ -31,7 +31,7 @@ CKVL::CKVL(CEngineOwner* pParent, const char* pszTableName, EAudience audience)
   m_state.m_pOutput = this;
   m_state.m_pPrints = &m_prints;
   if (TextOf(pszTableName).empty()) return;
-  m_pTags = std::make_unique<CTagExchange>(pszTableName, audience);
+  m_pTags = std::make_unique<CTagExchange>(pszTableName, audience, *pParent);
   if (!m_pTags->IsOpen()) m_pTags.reset();
   m_state.m_pTags = m_pTags.get();
 }
@@ -47,11 +47,10 @@ int32_t CKVL::LoadScript(const char* pszPath) try {
 
 int32_t CKVL::LoadText(std::string_view text) try {
   Unbind();
-  SplitChunks(text, m_saLine);
   CSectionReader sections;
   std::string main;
-  for (const std::string& chunk : m_saLine) {
-    const std::string_view line = CSectionReader::Trim(chunk);
+  while (!text.empty() && Runs()) {
+    const std::string_view line = CSectionReader::Trim(m_saLine.emplace_back(TakeChunk(text)));
     if (!sections.IsMain(line)) {
       SplitDeclaration(line, m_saToken);
       _CompileVariableScript();
@@ -60,7 +59,7 @@ int32_t CKVL::LoadText(std::string_view text) try {
       m_saMain.push_back(main);
     }
   }
-  return static_cast<int32_t>(m_saMain.size());
+  return Runs() ? static_cast<int32_t>(m_saMain.size()) : 0;
 } catch (const std::bad_alloc&) {
   return 0;
 }
@@ -106,10 +105,11 @@ int32_t CKVL::_CompileMainScript1(int32_t nLines) try {
   Unbind();
   const size_t count = std::min(static_cast<size_t>(std::max(nLines, 0)), m_saMain.size());
   m_listCommand.reserve(m_listCommand.size() + count);
-  for (size_t i = 0; i < count; ++i) CompileLine(m_saMain[i]);
+  for (size_t i = 0; i < count && Runs(); ++i) CompileLine(m_saMain[i]);
+  if (!Runs()) RemoveCommandTable();  // half a script would do something else than the whole
   return 0;
 } catch (const std::bad_alloc&) {
-  RemoveCommandTable();  // half a script would do something else than the whole
+  RemoveCommandTable();
   return 0;
 }
 
@@ -133,10 +133,19 @@ void CKVL::Unbind() {
   if (m_pTags != nullptr) m_pTags->DropSlotsFrom(0);
 }
 
-void CKVL::Bind() {
+bool CKVL::Runs() const {
+  return m_pParent->m_bRun.load(std::memory_order_relaxed) != 0;
+}
+
+// False, with nothing bound, if the run flag has fallen.
+bool CKVL::Bind() {
   m_pBinder = std::make_unique<CBinder>(m_listVariable);
   m_steps.resize(m_listCommand.size() + 1);
   for (size_t i = 0; i < m_listCommand.size(); ++i) {
+    if (!Runs()) {
+      Unbind();
+      return false;
+    }
     const CCommandTable& command = m_listCommand[i];
     BindStep(*m_pBinder, command, command.m_nCommand, m_steps[i]);
     BindTag(m_steps[i]);
@@ -151,6 +160,7 @@ void CKVL::Bind() {
   }
   m_steps.back().m_plain = m_steps.back().m_run = EndStep;
   FuseSteps(m_steps.data(), m_listCommand.size());
+  return true;
 }
 
 // Without a table PUT and GET have no effect; with one, each remembers its tag.
@@ -165,7 +175,7 @@ void CKVL::BindTag(CStep& step) {
 
 int32_t CKVL::Begin(const uint8_t* pInput, int32_t nInputSize) try {
   if (m_listCommand.empty()) return -1;
-  if (m_steps.empty()) Bind();
+  if (m_steps.empty() && !Bind()) return 0;
   const bool hasInput = pInput != nullptr && nInputSize > 0;
   m_state.m_pInput = hasInput ? pInput : nullptr;
   m_state.m_nInputSize = hasInput ? nInputSize : 0;

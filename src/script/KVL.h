@@ -6,7 +6,8 @@
 // script and the bytes are, nothing outside a variable is read or written.
 //
 // Order of use: constructor; SetListenObject and SetInterface; LoadScript, _CompileMainScript1,
-// then Begin any number of times; destructor.
+// then Begin any number of times; destructor. When the owner's run flag falls each of them ends
+// early; an object that was loading then has no script.
 // Threads: one thread at a time, apart from Prints(), which any thread may use.
 #pragma once
 
@@ -151,7 +152,8 @@ class KVL_API CKVL : private CLineOutput {
   void Execute(int32_t nCommand, const CCommandTable& command);
   void CompileLine(const std::string& line);
   void Declare(int statement);
-  void Bind();
+  bool Runs() const;
+  bool Bind();
   void BindTag(CStep& step);
   void Unbind();
   size_t WriteLine(std::span<const uint8_t> bytes);

@@ -42,12 +42,10 @@ using CMeaning = std::vector<std::vector<std::string>>;
 
 CMeaning Read(CSectionReader& section, std::string_view raw) {
   CMeaning meaning;
-  std::vector<std::string> chunks;
-  SplitChunks(raw, chunks);
   std::string main;
   bool isMain = false;
-  for (const std::string& chunk : chunks) {
-    const std::string_view line = CSectionReader::Trim(chunk);
+  while (!raw.empty()) {
+    const std::string_view line = CSectionReader::Trim(TakeChunk(raw));
     isMain = section.IsMain(line);
     std::vector<std::string> tokens;
     if (!isMain) {

@@ -82,13 +82,11 @@ bool ReadScript(const char* path, std::string& text) {
   return file && ReadScript(file, text);
 }
 
-void SplitChunks(std::string_view text, std::vector<std::string>& chunks) {
-  while (!text.empty()) {
-    const size_t newline = text.substr(0, kMaxChunk).find('\n');
-    const size_t size = newline == text.npos ? std::min(kMaxChunk, text.size()) : newline + 1;
-    chunks.emplace_back(text.substr(0, size));
-    text.remove_prefix(size);
-  }
+std::string_view TakeChunk(std::string_view& text) {
+  const size_t newline = text.substr(0, kMaxChunk).find('\n');
+  const std::string_view chunk = text.substr(0, newline == text.npos ? kMaxChunk : newline + 1);
+  text.remove_prefix(chunk.size());
+  return chunk;
 }
 
 std::string_view CSectionReader::Trim(std::string_view chunk) {

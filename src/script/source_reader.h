@@ -23,8 +23,9 @@ constexpr size_t kMaxChunk = 255;  // bytes of a chunk, newline included
 KVL_API bool ReadScript(const char* path, std::string& text);
 KVL_API bool ReadScript(std::istream& stream, std::string& text);
 
-// A script's chunks: its lines with their newlines, longer lines in pieces of 255 bytes.
-void SplitChunks(std::string_view text, std::vector<std::string>& chunks);
+// Cuts the first chunk off a text that is not empty: a line with its newline, or 255 bytes of a
+// longer one.
+std::string_view TakeChunk(std::string_view& text);
 
 // Tells which section each chunk belongs to. Feed it a script's chunks in order.
 class CSectionReader {

@@ -49,11 +49,15 @@ size_t NumberSize(const CValueAccess& access) {
 
 }  // namespace
 
-CTagExchange::CTagExchange(std::string_view tableName, EAudience audience)
-    : m_store(tableName, kTableSize, nullptr, audience),
+CTagExchange::CTagExchange(std::string_view tableName, EAudience audience, CEngineOwner& owner)
+    : m_owner(owner),
+      m_store(tableName, kTableSize, nullptr, audience),
       m_tableLock(std::string(tableName) + kTableLockSuffix, EOpenMode::kOpenOrCreate, audience) {
   constexpr size_t kMaxPayload = 65535;
   m_payload.reserve(kMaxPayload);  // so that no pass allocates
+  const auto runs = [&owner] { return owner.m_bRun != 0; };
+  m_store.SetKeepWaiting(runs);
+  m_tableLock.SetKeepWaiting(runs);
 }
 
 int32_t CTagExchange::NewSlot() {
@@ -67,11 +71,10 @@ CTag* CTagExchange::Bind(int32_t slot, std::string_view tag) {
   return bound.get();
 }
 
-void CTagExchange::Put(int32_t slot, std::string_view tag, const CPutValue& value,
-                       CEngineOwner& owner) {
+void CTagExchange::Put(int32_t slot, std::string_view tag, const CPutValue& value) {
   CTag* const bound = Bind(slot, tag);
   if (bound == nullptr) return;
-  const bool isListened = owner.ListensToPuts();
+  const bool isListened = m_owner.ListensToPuts();
   {
     const CSemaphoreHold hold(m_tableLock);
     if (!hold) return;
@@ -84,7 +87,7 @@ void CTagExchange::Put(int32_t slot, std::string_view tag, const CPutValue& valu
     const std::span<const uint8_t> payload = access.Payload();
     m_payload.assign(payload.begin(), payload.end());
   }
-  owner.OnPut(tag, m_payload);
+  m_owner.OnPut(tag, m_payload);
 }
 
 void CTagExchange::Get(int32_t slot, std::string_view tag, std::span<uint8_t> to,

@@ -25,7 +25,8 @@ struct CPutValue {
 // Threads: one, the worker's.
 class CTagExchange {
  public:
-  CTagExchange(std::string_view tableName, EAudience audience);
+  // `owner` outlives the object: no PUT or GET waits once its run flag is down.
+  CTagExchange(std::string_view tableName, EAudience audience, CEngineOwner& owner);
 
   // Whether the store and its lock could be opened.
   bool IsOpen() const { return m_store.IsOpen() && m_tableLock.IsOpen(); }
@@ -35,9 +36,9 @@ class CTagExchange {
   size_t SlotCount() const { return m_slots.size(); }
   void DropSlotsFrom(size_t count) { m_slots.resize(count); }
 
-  // Writes the value by the tag's type and tells `owner` of it. Nothing happens if there is no
+  // Writes the value by the tag's type and tells the owner of it. Nothing happens if there is no
   // such tag or the value has no form for it.
-  void Put(int32_t slot, std::string_view tag, const CPutValue& value, CEngineOwner& owner);
+  void Put(int32_t slot, std::string_view tag, const CPutValue& value);
 
   // Copies the payload by the tag's type, of a text at most `textBytes` bytes and what fits, of a
   // number all or nothing.
@@ -46,6 +47,7 @@ class CTagExchange {
  private:
   CTag* Bind(int32_t slot, std::string_view tag);
 
+  CEngineOwner& m_owner;
   CSharedMemory m_store;
   CNamedSemaphore m_tableLock;
   std::vector<std::shared_ptr<CTag>> m_slots;

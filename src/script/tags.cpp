@@ -35,7 +35,7 @@ const CStep* PutNumber(const CStep& step, CRunState& state) {
   CPutValue value;
   value.m_bNumber = true;
   value.m_number = ReadNumber(step.m_operand[1]);
-  state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value, *state.m_pOwner);
+  state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value);
   return &step + 1;
 }
 
@@ -47,7 +47,7 @@ const CStep* PutLiteral(const CStep& step, CRunState& state) {
   value.m_bNumber = true;
   value.m_number = literal.m_number;
   value.m_text = {literal.m_pData, static_cast<size_t>(literal.m_nSize)};
-  state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value, *state.m_pOwner);
+  state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value);
   return &step + 1;
 }
 
@@ -55,7 +55,7 @@ const CStep* PutText(const CStep& step, CRunState& state) {
   state.m_bTouched = true;
   CPutValue value;
   value.m_text = TextAt(step.m_operand[1], CountOf(step.m_operand[2]));
-  state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value, *state.m_pOwner);
+  state.m_pTags->Put(step.m_nNumber, TagName(step.m_operand[0]), value);
   return &step + 1;
 }
 

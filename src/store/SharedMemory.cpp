@@ -39,6 +39,10 @@ CSharedMemory::CSharedMemory(std::string_view strName, uint32_t dwSize,
 
 CSharedMemory::~CSharedMemory() = default;
 
+void CSharedMemory::SetKeepWaiting(std::function<bool()> keepWaiting) {
+  if (m_pSemaphore) m_pSemaphore->SetKeepWaiting(std::move(keepWaiting));
+}
+
 void CSharedMemory::Open(std::string_view strName, uint32_t dwSize, const InitCallback& callback,
                          EOpenMode mode) {
   if (strName.empty()) return SetError(kErrorInvalidName);

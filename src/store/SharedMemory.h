@@ -70,6 +70,9 @@ class KVL_API CSharedMemory {
   CSharedMemory(const CSharedMemory&) = delete;
   CSharedMemory& operator=(const CSharedMemory&) = delete;
 
+  // See CNamedSemaphore: an access whose wait is ended finds nothing, with kErrorTimeout.
+  void SetKeepWaiting(std::function<bool()> keepWaiting);
+
   bool IsOpen() const { return m_bOpen; }
   bool IsFirstOpener() const { return m_bFirstOpener; }
   uint32_t LastError() const { return m_dwLastError; }

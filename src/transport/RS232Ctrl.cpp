@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
-#include <mutex>
-#include <system_error>
+#include <new>
 #include <thread>
 
 #include "platform/thread.h"
@@ -57,13 +56,13 @@ CRS232Ctrl::CRS232Ctrl(const CRS232Ctrl& other) : CLine(other), m_hWnd(nullptr) 
 CRS232Ctrl& CRS232Ctrl::operator=(const CRS232Ctrl& other) {
   if (this == &other) return *this;
   // What this object alone has open would be lost.
-  if (m_pPort != other.m_pPort) Close();
-  m_pPort = other.m_pPort;
-  m_hComm = other.m_hComm;
+  const std::shared_ptr<CPort> pPort = other.Port();
+  if (Port() != pPort) Close();
+  SetPort(pPort);
   m_dwLastError = other.m_dwLastError.load();
   m_dwCommErrors = other.m_dwCommErrors.load();
-  m_dwEventMask = other.m_dwEventMask;
-  m_bWaitRuns = other.m_bWaitRuns;
+  m_dwEventMask = other.m_dwEventMask.load();
+  m_bWaitRuns = other.m_bWaitRuns.load();
   m_osWait = other.m_osWait;
   m_bConnected = other.m_bConnected;
   m_nWaitCount = other.m_nWaitCount;
@@ -77,8 +76,24 @@ CRS232Ctrl::~CRS232Ctrl() {
   CRS232Ctrl::Close();
 }
 
+std::shared_ptr<CRS232Ctrl::CPort> CRS232Ctrl::Port() const {
+  const std::lock_guard guard(m_csPort);
+  return m_pPort;
+}
+
+void CRS232Ctrl::SetPort(std::shared_ptr<CPort> pPort) {
+  const std::lock_guard guard(m_csPort);
+  m_pPort.swap(pPort);
+}
+
 bool CRS232Ctrl::IsOpen() const {
-  return m_pPort && m_pPort->device.IsOpen();
+  const std::shared_ptr<CPort> pPort = Port();
+  return pPort && pPort->device.IsOpen();
+}
+
+HANDLE CRS232Ctrl::GetCommHandle() const {
+  const std::shared_ptr<CPort> pPort = Port();
+  return pPort && pPort->device.IsOpen() ? pPort->hComm : kInvalidHandle;
 }
 
 int32_t CRS232Ctrl::IsValid() const {
@@ -92,24 +107,32 @@ int32_t CRS232Ctrl::Record(uint32_t nError) {
   return 0;
 }
 
+// The same of a transfer: the failure of one that Close has ended is none of the next port's.
+int32_t CRS232Ctrl::Record(const CPort& port, uint32_t nError) {
+  if (nError == kErrorNone) return 1;
+  const std::lock_guard guard(m_csPort);
+  if (m_pPort.get() == &port && port.device.IsOpen()) m_dwLastError = nError;
+  return 0;
+}
+
 // Takes the line error bits from the device; gives the number of bytes waiting.
-int32_t CRS232Ctrl::ClearCommError() {
+int32_t CRS232Ctrl::ClearCommError(CPort& port) {
   int32_t waiting = 0;
   uint32_t errors = 0;
-  Record(m_pPort->device.GetStatus(&waiting, &errors));
+  Record(port, port.device.GetStatus(&waiting, &errors));
   m_dwCommErrors = errors;
   return waiting;
 }
 
 int32_t CRS232Ctrl::OpenPort(const char* szPort, int32_t nBaudRate, int32_t nDataBits,
-                             int32_t nParity, int32_t nStopBits) {
+                             int32_t nParity, int32_t nStopBits) try {
   Close();
-  m_pPort = std::make_shared<CPort>();
-  if (!Record(m_pPort->device.Open(szPort ? szPort : ""))) return 0;
-  m_hComm = m_pPort->hComm;
+  const auto pPort = std::make_shared<CPort>();
+  SetPort(pPort);
+  if (!Record(pPort->device.Open(szPort ? szPort : ""))) return 0;
   m_dwEventMask = 0;
   m_bWaitRuns = false;
-  m_pPort->device.Purge();
+  pPort->device.Purge();
   // A setting that the device refuses does not keep the line from being used.
   if (nBaudRate >= 0) bsSetBaudRate(nBaudRate);
   bsSetParityDataStop(nParity, nDataBits, nStopBits);
@@ -118,6 +141,8 @@ int32_t CRS232Ctrl::OpenPort(const char* szPort, int32_t nBaudRate, int32_t nDat
   bsSetWriteTimeouts(0, kWriteTimeoutMs);
   m_bConnected = 1;
   return 1;
+} catch (const std::bad_alloc&) {
+  return Record(kErrorNoMemory);
 }
 
 int32_t CRS232Ctrl::Open(const COMM* pComm) {
@@ -134,38 +159,40 @@ int32_t CRS232Ctrl::Open(const char* szPort, int32_t nBaudRate, int32_t nDataBit
                          int32_t nStopBits) {
   if (!OpenPort(szPort, nBaudRate, nDataBits, nParity, nStopBits)) return 0;
   try {
-    StartEventThread();
+    StartEventThread(Port());
     return 1;
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     Close();
     return Record(kErrorNoMemory);
   }
 }
 
 int32_t CRS232Ctrl::Close() {
-  m_hComm = kInvalidHandle;
-  if (!m_pPort) return 1;
+  const std::shared_ptr<CPort> pPort = Port();
+  if (!pPort) return 1;
   m_bConnected = 0;
-  m_pPort->bRun = false;
-  m_pPort->wakeThread.Set();
+  pPort->bRun = false;
+  pPort->wakeThread.Set();
   {
-    const std::lock_guard guard(m_pPort->threadLock);
-    if (m_pPort->thread.joinable()) m_pPort->thread.join();
+    const std::lock_guard guard(pPort->threadLock);
+    if (pPort->thread.joinable()) pPort->thread.join();
   }
-  m_pPort->device.Close();
-  m_pPort->wakeCheck.Set();
+  pPort->device.Close();
+  pPort->wakeCheck.Set();
   return 1;
 }
 
 int32_t CRS232Ctrl::bsSetBaudRate(int32_t nRate) {
   m_dwLastError = kErrorNone;
-  return Record(m_pPort ? m_pPort->device.SetBaudRate(nRate) : kErrorInvalidHandle);
+  const std::shared_ptr<CPort> pPort = Port();
+  return Record(pPort ? pPort->device.SetBaudRate(nRate) : kErrorInvalidHandle);
 }
 
 int32_t CRS232Ctrl::bsSetParityDataStop(int32_t nParity, int32_t nDataBits, int32_t nStopBits) {
   m_dwLastError = kErrorNone;
-  return Record(m_pPort ? m_pPort->device.SetFormat(nParity, nDataBits, nStopBits)
-                        : kErrorInvalidHandle);
+  const std::shared_ptr<CPort> pPort = Port();
+  return Record(pPort ? pPort->device.SetFormat(nParity, nDataBits, nStopBits)
+                      : kErrorInvalidHandle);
 }
 
 int32_t CRS232Ctrl::bsSetBufferSizes(uint32_t, uint32_t) {
@@ -180,38 +207,44 @@ int32_t CRS232Ctrl::bsSetReadTimeouts(uint32_t, uint32_t, uint32_t) {
 
 int32_t CRS232Ctrl::bsSetWriteTimeouts(uint32_t nMultiplier, uint32_t nConstant) {
   m_dwLastError = kErrorNone;
-  if (!IsOpen()) return Record(kErrorInvalidHandle);
-  m_pPort->nWriteMultiplier = nMultiplier;
-  m_pPort->nWriteConstant = nConstant;
+  const std::shared_ptr<CPort> pPort = Port();
+  if (!pPort || !pPort->device.IsOpen()) return Record(kErrorInvalidHandle);
+  pPort->nWriteMultiplier = nMultiplier;
+  pPort->nWriteConstant = nConstant;
   return 1;
 }
 
 int32_t CRS232Ctrl::Read(uint8_t* pBuffer, int32_t nCount) {
-  if (!IsOpen()) return 0;
-  const int32_t count = std::min(nCount, ClearCommError());
+  const std::shared_ptr<CPort> pPort = Port();
+  if (!pPort || !pPort->device.IsOpen()) return 0;
+  const int32_t count = std::min(nCount, ClearCommError(*pPort));
   int32_t read = 0;
-  if (count > 0 && !Record(m_pPort->device.Read(pBuffer, count, &read))) ClearCommError();
+  if (count > 0 && !Record(*pPort, pPort->device.Read(pBuffer, count, &read)))
+    ClearCommError(*pPort);
   return read;
 }
 
 int32_t CRS232Ctrl::Write(const uint8_t* pBytes, int32_t nCount) {
-  if (!IsOpen() || nCount <= 0) return 0;
-  ClearCommError();
+  const std::shared_ptr<CPort> pPort = Port();
+  if (!pPort || !pPort->device.IsOpen() || nCount <= 0) return 0;
+  ClearCommError(*pPort);
   const uint64_t limit =
-      uint64_t{m_pPort->nWriteMultiplier} * static_cast<uint32_t>(nCount) + m_pPort->nWriteConstant;
+      uint64_t{pPort->nWriteMultiplier} * static_cast<uint32_t>(nCount) + pPort->nWriteConstant;
   const auto longest = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
   const int32_t timeoutMs = limit == 0 ? -1 : static_cast<int32_t>(std::min(limit, longest));
   int32_t written = 0;
-  if (!Record(m_pPort->device.Write(pBytes, nCount, timeoutMs, &written))) ClearCommError();
+  if (!Record(*pPort, pPort->device.Write(pBytes, nCount, timeoutMs, &written)))
+    ClearCommError(*pPort);
   return written;
 }
 
 void CRS232Ctrl::Interrupt() {
-  if (m_pPort) m_pPort->device.Interrupt();
+  if (const std::shared_ptr<CPort> pPort = Port()) pPort->device.Interrupt();
 }
 
 SerialWait CRS232Ctrl::WaitForBytes(CWakeup& wakeup, int32_t timeoutMs) {
-  return m_pPort ? m_pPort->device.WaitReadable(wakeup, timeoutMs) : SerialWait::kLost;
+  const std::shared_ptr<CPort> pPort = Port();
+  return pPort ? pPort->device.WaitReadable(wakeup, timeoutMs) : SerialWait::kLost;
 }
 
 int32_t CRS232Ctrl::GetWaitOverlapped(OVERLAPPED& overlapped) const {
@@ -220,12 +253,12 @@ int32_t CRS232Ctrl::GetWaitOverlapped(OVERLAPPED& overlapped) const {
 }
 
 // The events that have come within the time; 0 for none.
-uint32_t CRS232Ctrl::PollEvents(int32_t timeoutMs) {
-  switch (m_pPort->device.WaitReadable(m_pPort->wakeCheck, timeoutMs)) {
+uint32_t CRS232Ctrl::PollEvents(CPort& port, int32_t timeoutMs) {
+  switch (port.device.WaitReadable(port.wakeCheck, timeoutMs)) {
     case SerialWait::kBytes:
       return kEventReceived;
     case SerialWait::kLost:
-      return m_pPort->device.IsOpen() ? kEventCarrier : 0;
+      return port.device.IsOpen() ? kEventCarrier : 0;
     default:
       return 0;
   }
@@ -235,8 +268,9 @@ int32_t CRS232Ctrl::bsWaitCommEvent() {
   m_dwLastError = kErrorNone;
   m_dwEventMask = kEventReceived;
   m_bWaitRuns = false;
-  if (!IsOpen()) return Record(kErrorInvalidHandle);
-  if (const uint32_t events = PollEvents(0)) {
+  const std::shared_ptr<CPort> pPort = Port();
+  if (!pPort || !pPort->device.IsOpen()) return Record(kErrorInvalidHandle);
+  if (const uint32_t events = PollEvents(*pPort, 0)) {
     m_dwEventMask = events;
   } else {
     m_bWaitRuns = true;
@@ -246,22 +280,23 @@ int32_t CRS232Ctrl::bsWaitCommEvent() {
 }
 
 uint32_t CRS232Ctrl::bsCheckForCommEvent(int32_t bWait) {
-  if (!IsOpen()) {
+  const std::shared_ptr<CPort> pPort = Port();
+  if (!pPort || !pPort->device.IsOpen()) {
     bsWaitCommEvent();
     return 0;
   }
   if (!m_bWaitRuns) return m_dwEventMask;
-  uint32_t events = PollEvents(0);
-  while (events == 0 && bWait && IsOpen()) events = PollEvents(-1);
+  uint32_t events = PollEvents(*pPort, 0);
+  while (events == 0 && bWait && pPort->device.IsOpen()) events = PollEvents(*pPort, -1);
   if (events == 0) return 0;
   m_bWaitRuns = false;
   m_dwEventMask = events;
   return events;
 }
 
-void CRS232Ctrl::StartEventThread() {
-  m_pPort->bRun = true;
-  m_pPort->thread = std::thread([this, pPort = m_pPort] { RunEventThread(*pPort); });
+void CRS232Ctrl::StartEventThread(const std::shared_ptr<CPort>& pPort) {
+  pPort->bRun = true;
+  pPort->thread = std::thread([this, pPort] { RunEventThread(*pPort); });
 }
 
 void CRS232Ctrl::RunEventThread(CPort& port) {
@@ -274,7 +309,7 @@ void CRS232Ctrl::RunEventThread(CPort& port) {
         break;
       case SerialWait::kLost:
         // Nothing more will come: all that is left is to wait for Close.
-        Record(kErrorDeviceLost);
+        Record(port, kErrorDeviceLost);
         while (port.bRun) port.wakeThread.Wait(-1);
         break;
       default:

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "platform/api.h"
 #include "platform/serial.h"
@@ -38,8 +39,10 @@ struct OVERLAPPED {
 };
 
 // Threads: polled, one thread for Read and Write; with the event thread, that thread calls Read
-//          and a host thread may call Write. Open, Close, copying and destruction need the others
-//          at rest, but for a Write or a waiting bsCheckForCommEvent, which Close ends.
+//          and a host thread may call Write. Open and Close may meet a Write, an Interrupt or a
+//          waiting bsCheckForCommEvent of another thread: they end it, and it touches nothing of a
+//          port opened since. Otherwise Open, Close, copying and destruction need the others at
+//          rest.
 // Copies:  share the port and its thread; closing or destroying one closes it for all, and the
 //          others are then closed objects. Copies are made while the event thread rests.
 // Errors:  results; the number of the last failure (platform/last_error.h) stays for
@@ -105,7 +108,7 @@ class KVL_API CRS232Ctrl : public CLine {
 
   uint32_t GetLastError() const { return m_dwLastError; }
   uint32_t GetCommErrors() const { return m_dwCommErrors; }  // line error bits of platform/serial.h
-  HANDLE GetCommHandle() const { return IsOpen() ? m_hComm : kInvalidHandle; }
+  HANDLE GetCommHandle() const;
   int32_t GetWaitOverlapped(OVERLAPPED& overlapped) const;
 
   // What the event thread has received; the host is the consumer.
@@ -120,21 +123,24 @@ class KVL_API CRS232Ctrl : public CLine {
  private:
   struct CPort;
 
+  std::shared_ptr<CPort> Port() const;
+  void SetPort(std::shared_ptr<CPort> pPort);
   int32_t OpenPort(const char* szPort, int32_t nBaudRate, int32_t nDataBits, int32_t nParity,
                    int32_t nStopBits);
-  int32_t ClearCommError();
+  int32_t ClearCommError(CPort& port);
   int32_t Record(uint32_t nError);
-  uint32_t PollEvents(int32_t timeoutMs);
-  void StartEventThread();
+  int32_t Record(const CPort& port, uint32_t nError);
+  static uint32_t PollEvents(CPort& port, int32_t timeoutMs);
+  void StartEventThread(const std::shared_ptr<CPort>& pPort);
   void RunEventThread(CPort& port);
   void DrainIntoQueue();
 
+  mutable std::mutex m_csPort;  // guards the pointer: who uses the port keeps it alive
   std::shared_ptr<CPort> m_pPort;
-  HANDLE m_hComm = kInvalidHandle;
   std::atomic<uint32_t> m_dwLastError{0};
   std::atomic<uint32_t> m_dwCommErrors{0};
-  uint32_t m_dwEventMask = 0;
-  bool m_bWaitRuns = false;
+  std::atomic<uint32_t> m_dwEventMask{0};
+  std::atomic<bool> m_bWaitRuns{false};
   OVERLAPPED m_osWait;
   int32_t m_bConnected = 0;
   int32_t m_nWaitCount = 0;

@@ -7,7 +7,8 @@
 
 namespace kvl {
 
-// How long a Write may wait for a line that takes nothing, in milliseconds.
+// How long a Write may take as a whole, in milliseconds, on a line that takes the bytes slowly or
+// not at all.
 inline constexpr int32_t kWriteTimeoutMs = 1000;
 
 // Threads: Write from one thread; Interrupt from any, to end a Write that the line holds up; the
@@ -19,7 +20,8 @@ class KVL_API CLine {
   virtual bool IsOpen() const = 0;
 
   // Sends the bytes; gives how many the line has taken, less than `nCount` if it is closed, fails,
-  // takes nothing for kWriteTimeoutMs (or what the line's own settings say), or is interrupted.
+  // has not taken them all within kWriteTimeoutMs (or what the line's own settings say), or is
+  // interrupted.
   virtual int32_t Write(const uint8_t* pBytes, int32_t nCount) = 0;
 
   // From now on, until the line is opened anew, no Write waits.

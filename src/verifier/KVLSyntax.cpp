@@ -48,7 +48,7 @@ int32_t CKVLSyntax::LoadScript(const char* pszPath) try {
 }
 
 int32_t CKVLSyntax::LoadText(std::string_view text) try {
-  SplitChunks(text, m_saLine);
+  while (!text.empty()) m_saLine.emplace_back(TakeChunk(text));
   CSectionReader sections;
   std::string main;
   for (size_t i = 0; i < m_saLine.size(); ++i) {

@@ -150,6 +150,15 @@ TEST_F(CDecodeCtrlTest, LostPortIsToldOnceAndCanBeReopened) {
   }
 }
 
+TEST_F(CDecodeCtrlTest, LossInAnEarlierSessionIsNoNews) {
+  StartSerial(kPrintBatches);
+  line.HangUp();
+  ASSERT_TRUE(WaitFor([this] { return control.OnReopenPort() == -1; })) << "lost, and not told yet";
+  EXPECT_EQ(control.Run(), -1);
+  CMessageLoop::Current().RunUntilIdle();
+  EXPECT_EQ(seen.Count(ESessionStatus::Lost), 0);
+}
+
 TEST_F(CDecodeCtrlTest, RefusedConnectStartsTheWorkerAndSaysWhy) {
   listener.CAsyncSocket::Close();
   Verify(

@@ -64,6 +64,35 @@ TEST_F(FlowTest, TenThousandFramesArriveInOrderAndWhole) {
   }
 }
 
+// A host may ask for what has arrived whenever it likes, and the worker take bytes itself
+// meanwhile.
+TEST_F(FlowTest, ReceiveOutOfTurnKeepsTheOrder) {
+  CFrames frames(50000);
+  StartTcp(kFrames);
+  std::atomic<bool> run{true};
+  std::atomic<size_t> printedBytes{0};
+  std::thread sender([&] {
+    while (run && !frames.AllSent()) {
+      const std::string piece = frames.Next();
+      for (size_t at = 0; run && at < piece.size();) {
+        at += static_cast<size_t>(
+            std::max(peer.Send(piece.data() + at, static_cast<int32_t>(piece.size() - at)), 0));
+      }
+      while (run && frames.Sent() - printedBytes > 4000) std::this_thread::yield();
+    }
+  });
+  size_t printed = 0;
+  const bool done = RunLoopUntil([&] {
+    for (; printed < seen.printed; ++printed) printedBytes += frames.Texts()[printed].size() + 1;
+    control.OnReceiveSocket(control.hConnected, 0);
+    return printed == frames.Texts().size();
+  });
+  run = false;
+  sender.join();
+  EXPECT_TRUE(done);
+  EXPECT_EQ(seen.Prints(), frames.Texts());
+}
+
 TEST_F(FlowTest, BytesOfValueZeroAreLeftOut) {
   for (const bool serial : {true, false}) {
     seen.Forget();

@@ -46,6 +46,7 @@ class CSeenSession : public CSessionObserver {
   void OnReceived(std::span<const uint8_t> bytes) override { received += bytes.size(); }
   void OnSent(std::span<const uint8_t>, int32_t) override { ++sent; }
   void OnPrint(std::string_view message) override {
+    if (onPrint) onPrint();
     std::unique_lock guard(m_lock);
     m_prints.emplace_back(message);
     if (++printed == throwAt) throw std::runtime_error("host");
@@ -77,6 +78,7 @@ class CSeenSession : public CSessionObserver {
   std::vector<ESessionStatus> statuses;
   std::vector<std::string> texts;
   std::function<void(ESessionStatus)> onStatus;
+  std::function<void()> onPrint;  // on the worker
   std::atomic<size_t> received{0};
   std::atomic<int> sent{0};
   std::atomic<size_t> printed{0};
@@ -96,6 +98,13 @@ class CTestCtrl : public CDecodeCtrl {
   using CDecodeCtrl::OnReceiveSocket;
   using CDecodeCtrl::OnRecreateSocket;
   using CDecodeCtrl::OnReopenPort;
+
+  LRESULT WindowProc(uint32_t nMessage, WPARAM wParam, LPARAM lParam) override {
+    if (nMessage == kMsgSocketConnect) hConnected = wParam;
+    return CDecodeCtrl::WindowProc(nMessage, wParam, lParam);
+  }
+
+  SOCKET hConnected = kInvalidSocket;  // the socket whose connect was told last
 };
 
 // A script in a file of its own.

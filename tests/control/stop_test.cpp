@@ -1,7 +1,9 @@
 // Stop comes at once, whatever the script and the line are doing.
 #include "control/sync_notify.h"
 #include "session_fixtures.h"
+#include "store/TableOwner.h"
 #include "support/name_server.h"
+#include "support/test_table.h"
 
 namespace kvl {
 namespace {
@@ -27,13 +29,14 @@ class StopTest : public SessionTest {
     EXPECT_EQ(fast, kFastAttempts);
   }
 
-  // Until the script has begun an OUT and no other follows for a while: the line takes no more.
-  void WaitUntilTheLineIsFull() {
-    int before = -1;
+  // Until the script has done something, and then nothing for a while.
+  template <typename Count>
+  static void WaitUntilHeldUp(const std::atomic<Count>& done) {
+    Count before = 0;
     const int64_t deadline = GetTickCount() + kTestPatienceMs;
-    while (GetTickCount() < deadline && (before < 1 || seen.sent != before)) {
-      before = seen.sent;
-      Sleep(300);
+    while (GetTickCount() < deadline && (before == 0 || done != before)) {
+      before = done;
+      Sleep(100);
     }
   }
 };
@@ -65,7 +68,7 @@ TEST_F(StopTest, OnASerialLine) {
   ExpectFastStop("full line", [&] {
     seen.sent = 0;
     StartSerial(kFlood);
-    WaitUntilTheLineIsFull();
+    WaitUntilHeldUp(seen.sent);
   });
   ExpectFastStop("lost", [&] {
     ASSERT_TRUE(line.Open());
@@ -89,7 +92,7 @@ TEST_F(StopTest, OnASocket) {
   ExpectFastStop("full line", [&] {
     seen.sent = 0;
     StartTcp(kFlood);
-    WaitUntilTheLineIsFull();
+    WaitUntilHeldUp(seen.sent);
   });
   ExpectFastStop("connecting", [&] {
     Verify(TcpScript(kEcho));
@@ -118,9 +121,61 @@ TEST_F(StopTest, OnASocket) {
 TEST_F(StopTest, AFullLineCostsTheScriptOneTimeoutAndNoMore) {
   peer.onReceive = [] {};
   StartTcp(kFlood);
-  WaitUntilTheLineIsFull();
+  WaitUntilHeldUp(seen.sent);
   const int before = seen.sent;
   EXPECT_TRUE(WaitFor([&] { return seen.sent > before; })) << "goes on with its next OUT";
+}
+
+// Whoever holds a table's locks may be stopped, in a debugger for one, for as long as it likes.
+TEST_F(StopTest, WhileAStoppedNeighbourHoldsTheTable) {
+  const CTestTable table("stop");
+  CTagSet tags;
+  ASSERT_EQ(tags.Add("LEVEL", kTagInteger, 4), nullptr);
+  CTableOwner owner(table.Name());
+  ASSERT_TRUE(owner.Create(tags, false));
+  const std::string head =
+      "TABLE_NAME \"" + table.Name() + "\"\nEQU TAG \"LEVEL\"\nVAR N% 7\nBEGIN:\nTURN:\nPRINT N\n";
+  for (const char* access : {"PUT TAG, N", "GET N, TAG"}) {
+    for (const std::string suffix : {kLockSuffix, kTableLockSuffix}) {
+      CNamedSemaphore neighbour(table.Name() + suffix, EOpenMode::kOpenExisting, EAudience::kOwner);
+      ExpectFastStop((access + suffix).c_str(), [&] {
+        neighbour.Release();
+        seen.printed = 0;
+        StartSerial(head + access + "\nJP TURN\nEND:\n");
+        ASSERT_TRUE(WaitFor([&] { return seen.printed > 0; }));
+        ASSERT_TRUE(control.GetEngine()->HasTable());
+        ASSERT_EQ(neighbour.Take(), ETaken::kYes);
+        WaitUntilHeldUp(seen.printed);
+      });
+    }
+  }
+}
+
+TEST_F(StopTest, WhileTheScriptIsLoaded) {
+  std::string body = "BEGIN:\nPRINT \"x\"\n";
+  for (int i = 0; i < 100000; ++i) body += "SLEEP 1\n";
+  Verify(SerialScript(body + "END:\n"));
+  int32_t delay = 0;
+  ExpectFastStop("loading", [&] {
+    ASSERT_EQ(control.Run(), 0);
+    Sleep(delay);
+    delay += 10;  // reading, compiling, binding: wherever that finds it
+  });
+}
+
+// The control's thread waits for the worker, and that one for an answer of the control's thread.
+TEST_F(StopTest, WhileTheObserverSendsAMessage) {
+  std::atomic<int> begun{0};
+  seen.onPrint = [&] {
+    ++begun;
+    EXPECT_EQ(SendMessageA(host.GetSafeHwnd(), kWmUser, 0, 0), 5);
+  };
+  host.handler = [](const SeenMessage&) { return LRESULT{5}; };
+  ExpectFastStop("sending", [&] {
+    const int before = begun;
+    StartSerial("BEGIN:\nPRINT \"x\"\nEND:\n");
+    ASSERT_TRUE(WaitFor([&] { return begun > before; }));
+  });
 }
 
 }  // namespace

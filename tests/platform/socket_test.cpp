@@ -1,11 +1,14 @@
 #include "platform/socket.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "platform/clock.h"
@@ -202,6 +205,51 @@ TEST_F(CAsyncSocketTest, ConnectAlwaysHasAnOutcome) {
     }
     EXPECT_NE(sock.GetHandle(), kInvalidSocket) << "a failed connect leaves the handle";
   }
+}
+
+// While it lives the system gives no descriptor.
+class CNoDescriptors {
+ public:
+  CNoDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &m_before);
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), m_before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~CNoDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
+  CNoDescriptors(const CNoDescriptors&) = delete;
+  CNoDescriptors& operator=(const CNoDescriptors&) = delete;
+
+ private:
+  rlimit m_before{};
+};
+
+TEST_F(CAsyncSocketTest, ShortageOfDescriptorsIsAnOutcomeAndPasses) {
+  constexpr int32_t kTooManyOpen = 10024;
+  std::optional<CNoDescriptors> none(std::in_place);
+  ASSERT_TRUE(client.Create());
+  ASSERT_TRUE(client.Connect("127.0.0.1", port));
+  ASSERT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
+  EXPECT_EQ(client.connects[0], kTooManyOpen);
+
+  std::thread([&] {  // which has no loop yet
+    CTestSock early;
+    EXPECT_FALSE(early.Create());
+    EXPECT_EQ(CAsyncSocket::GetLastError(), kSockErrNoBuffers);
+    EXPECT_FALSE(CTimer().Start(0, [] {}));
+    EXPECT_EQ(CTestWnd().GetSafeHwnd(), nullptr);
+    none.reset();
+    EXPECT_TRUE(early.Create());
+    EXPECT_TRUE(early.Connect("127.0.0.1", port));
+    EXPECT_TRUE(RunLoopUntil([&] { return !early.connects.empty(); }));
+    EXPECT_EQ(early.connects, std::vector<int32_t>{0});
+  })
+      .join();
+  client.Close();
+  client.connects.clear();
+  server.Close();
+  ConnectPair();
 }
 
 TEST_F(CAsyncSocketTest, NameThatIsNotAnsweredHoldsUpNobody) {

@@ -198,6 +198,20 @@ TEST(CMessageLoopTest, QuitAndPostComeFromAnyThread) {
   gone.Run();  // not this thread's: returns
 }
 
+TEST(CMessageLoopTest, EachQuitEndsOneRun) {
+  CMessageLoop loop = CMessageLoop::Current();
+  CTimer patience;
+  patience.Start(kTestPatienceMs, [&] {
+    ADD_FAILURE() << "a Quit was lost";
+    loop.Quit();
+  });
+  loop.Quit();
+  loop.Quit();
+  loop.RunUntilIdle();
+  loop.Run();
+  loop.Run();
+}
+
 TEST(CMessageLoopTest, RunUntilEndsAtItsTimeOut) {
   const int64_t start = GetTickCount();
   EXPECT_FALSE(CMessageLoop::Current().RunUntil([] { return false; }, 20));

@@ -10,8 +10,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/named_object.h"
-#include "store/TableOwner.h"
+#include "support/test_table.h"
 
 // A forked process that ends with what `work` returns. Killed if it still runs in the end.
 class CChild {
@@ -63,26 +62,8 @@ class CSignalPipe {
   int m_ends[2];
 };
 
-// A name that no other test uses, even in a test program that runs beside this one.
-inline std::string UniqueName(const std::string& strName) {
-  return "test-" + std::to_string(getpid()) + "-" + strName;
-}
-
 inline int64_t NowMicroseconds() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
-
-// A table of this user's that is dropped with the object.
-class CTestTable {
- public:
-  explicit CTestTable(const std::string& strName) : m_strName(UniqueName(strName)) {}
-  ~CTestTable() { kvl::CTableOwner::Remove(m_strName); }
-  CTestTable(const CTestTable&) = delete;
-  CTestTable& operator=(const CTestTable&) = delete;
-  const std::string& Name() const { return m_strName; }
-
- private:
-  const std::string m_strName;
-};

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -173,6 +174,21 @@ TEST_F(CRS232CtrlTest, CloseEndsAWaitingCheck) {
   std::thread waiter([&] { EXPECT_EQ(port.bsCheckForCommEvent(1), 0U); });
   port.Close();
   waiter.join();
+}
+
+TEST_F(CRS232CtrlTest, CloseAndOpenMayMeetAWrite) {
+  std::atomic<bool> run{true};
+  std::thread writer([&] {
+    const uint8_t byte = 'x';
+    while (run) port.Write(&byte, 1);
+  });
+  for (int i = 0; i < 300; ++i) {
+    Open(Settings());
+    ASSERT_EQ(port.IsValid(), 1) << port.GetLastError();
+  }
+  run = false;
+  port.Close();
+  writer.join();
 }
 
 TEST_F(CRS232CtrlTest, EventThreadFillsTheQueueAndPosts) {

@@ -1,34 +1,8 @@
 // The verifier when memory runs out.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
-
+#include "support/failing_new.h"
 #include "verifier/test_verifier.h"
-
-namespace {
-
-// How many allocations still succeed; negative: all.
-int g_nAllocationsLeft = -1;
-bool g_bAllocationFailed = false;
-
-}  // namespace
-
-void* operator new(size_t size) {
-  if (g_nAllocationsLeft == 0) {
-    g_bAllocationFailed = true;
-    throw std::bad_alloc();
-  }
-  if (g_nAllocationsLeft > 0) --g_nAllocationsLeft;
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, size_t) noexcept {
-  std::free(block);
-}
 
 namespace kvl {
 namespace {

@@ -14,6 +14,11 @@ namespace kvl {
 
 namespace {
 
+struct CAnswer {
+  std::error_code ec;
+  std::vector<asio::ip::address> addresses;
+};
+
 struct CWaiting {
   std::shared_ptr<CLoopCore> pLoop;
   FTakeAddresses take;
@@ -30,24 +35,21 @@ CLookups& Lookups() {
   return *pLookups;
 }
 
-std::vector<asio::ip::address> AddressesOf(const std::string& name, std::error_code& ec) {
-  std::vector<asio::ip::address> addresses;
+// Null for no memory.
+std::shared_ptr<const CAnswer> AnswerFor(const std::string& name) try {
+  auto pAnswer = std::make_shared<CAnswer>();
   asio::io_context io;
-  for (const auto& entry : asio::ip::tcp::resolver(io).resolve(name, "", ec)) {
-    addresses.push_back(entry.endpoint().address());
+  for (const auto& entry : asio::ip::tcp::resolver(io).resolve(name, "", pAnswer->ec)) {
+    pAnswer->addresses.push_back(entry.endpoint().address());
   }
-  return addresses;
+  return pAnswer;
+} catch (const std::exception&) {
+  return nullptr;
 }
 
 void LookUp(const std::string& name) noexcept {
   SetThreadName("kvl look-up");
-  std::error_code ec;
-  std::vector<asio::ip::address> addresses;
-  try {
-    addresses = AddressesOf(name, ec);
-  } catch (const std::exception&) {
-    ec = asio::error::no_memory;
-  }
+  const std::shared_ptr<const CAnswer> pAnswer = AnswerFor(name);
   decltype(CLookups::names)::node_type answered;
   {
     CLookups& lookups = Lookups();
@@ -56,8 +58,10 @@ void LookUp(const std::string& name) noexcept {
   }
   for (CWaiting& waiting : answered.mapped()) {
     // Moved, so that what the taker keeps alive is let go of on its own thread.
-    waiting.pLoop->PostUncounted(
-        [take = std::move(waiting.take), ec, addresses] { take(ec, addresses); });
+    waiting.pLoop->PostUncounted([take = std::move(waiting.take), pAnswer] {
+      if (!pAnswer) return take(asio::error::no_memory, {});
+      take(pAnswer->ec, pAnswer->addresses);
+    });
   }
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <ctime>
 #include <mutex>
 
 #include "platform/last_error.h"
@@ -25,6 +26,9 @@ struct CNamedSemaphore::Shared {
 namespace {
 
 constexpr uint32_t kReady = 0x314D4553;  // "SEM1"
+
+constexpr long kSecondNs = 1'000'000'000;
+constexpr long kAskAfterNs = 20'000'000;
 
 int MakeMutex(pthread_mutex_t& mutex) {
   pthread_mutexattr_t attributes;
@@ -95,10 +99,26 @@ void CNamedSemaphore::Close() {
   m_pShared = nullptr;
 }
 
+// The system's number for why the mutex was not taken; 0 and EOWNERDEAD if it was.
+int CNamedSemaphore::Wait() {
+  if (!m_keepWaiting) return pthread_mutex_lock(&m_pShared->m_mutex);
+  int nError = pthread_mutex_trylock(&m_pShared->m_mutex);
+  while (nError == EBUSY || nError == ETIMEDOUT) {
+    if (nError == ETIMEDOUT && !m_keepWaiting()) break;
+    timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_nsec += kAskAfterNs;
+    until.tv_sec += until.tv_nsec / kSecondNs;
+    until.tv_nsec %= kSecondNs;
+    nError = pthread_mutex_clocklock(&m_pShared->m_mutex, CLOCK_MONOTONIC, &until);
+  }
+  return nError;
+}
+
 ETaken CNamedSemaphore::Take() {
   for (;;) {
     if (m_pShared == nullptr && !Open()) return ETaken::kNo;
-    const int nError = pthread_mutex_lock(&m_pShared->m_mutex);
+    const int nError = Wait();
     if (nError == EOWNERDEAD) {
       pthread_mutex_consistent(&m_pShared->m_mutex);
       ++m_pShared->m_nChangeCount;

@@ -175,6 +175,7 @@ void CSerialDevice::Close() {
   // Unsent bytes would hold up the close for as long as the line takes to send them.
   ioctl(port->Get(), TCFLSH, TCIOFLUSH);
   ioctl(port->Get(), TIOCNXCL);
+  flock(port->Get(), LOCK_UN);  // the port may be opened anew ahead of the last user's return
 }
 
 bool CSerialDevice::IsOpen() const {

@@ -38,6 +38,17 @@ void Unregister(SOCKET hSocket) {
   table.sockets.erase(hSocket);
 }
 
+// What there is no memory for has failed, and leaves a closed socket.
+template <typename Work>
+int32_t OrClose(CAsyncSocket& socket, Work work) {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    socket.CAsyncSocket::Close();
+    return FailSocket(kSockErrNoBuffers);
+  }
+}
+
 }  // namespace
 
 CAsyncSocket::CAsyncSocket() : m_pImpl(std::make_shared<Impl>(this)) {}
@@ -52,8 +63,13 @@ int32_t CAsyncSocket::Create(uint32_t nPort, int32_t nType, int32_t nEvents,
   if (nType != kSockStream) return FailSocket(kSockErrType);
   std::shared_ptr<CLoopCore> pLoop = CLoopCore::Current();
   if (!pLoop) return FailSocket(kSockErrNoBuffers);
-  m_pImpl->Begin(std::move(pLoop), nEvents);
-  m_hSocket = Register(this);
+  try {
+    m_pImpl->Begin(std::move(pLoop), nEvents);
+    m_hSocket = Register(this);
+  } catch (const std::bad_alloc&) {
+    m_pImpl->End();
+    return FailSocket(kSockErrNoBuffers);
+  }
   if ((nPort != 0 || szAddress) && !Bind(nPort, szAddress)) {
     CAsyncSocket::Close();
     return 0;
@@ -91,25 +107,27 @@ int32_t CAsyncSocket::GetSockName(std::string& strAddress, uint32_t& nPort) cons
 
 int32_t CAsyncSocket::Listen(int32_t nBacklog) {
   if (m_hSocket == kInvalidSocket) return FailSocket(kSockErrNotSocket);
-  return m_pImpl->Listen(nBacklog);
+  return OrClose(*this, [&] { return m_pImpl->Listen(nBacklog); });
 }
 
 int32_t CAsyncSocket::Connect(const std::string& strHost, uint32_t nPort) {
   if (m_hSocket == kInvalidSocket) return FailSocket(kSockErrNotSocket);
   if (m_pImpl->state != Impl::State::kIdle) return FailSocket(kSockErrConnected);
-  m_pImpl->Connect(strHost, nPort);
-  return 1;
+  return m_pImpl->Connect(strHost, nPort);
 }
 
 int32_t CAsyncSocket::Accept(CAsyncSocket& socket) {
   if (!m_pImpl->pending) return FailSocket(kSockErrWouldBlock);
   socket.CAsyncSocket::Close();
   if (!socket.CAsyncSocket::Create()) return 0;
-  const int32_t shortage = socket.m_pImpl->Adopt(std::move(*m_pImpl->pending));
+  const int32_t result = OrClose(socket, [&] {
+    const int32_t shortage = socket.m_pImpl->Adopt(std::move(*m_pImpl->pending));
+    if (shortage == 0) return 1;
+    socket.CAsyncSocket::Close();
+    return FailSocket(shortage);
+  });
   m_pImpl->pending.reset();
-  if (shortage == 0) return 1;
-  socket.CAsyncSocket::Close();
-  return FailSocket(shortage);
+  return result;
 }
 
 int32_t CAsyncSocket::Receive(void* pBuffer, int32_t nSize, int32_t nFlags) {

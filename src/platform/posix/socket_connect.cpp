@@ -24,30 +24,42 @@ bool IsConnectedToItself(const asio::ip::tcp::socket& socket) {
 
 }  // namespace
 
-void CAsyncSocket::Impl::Connect(const std::string& strHost, uint32_t nPort) {
+int32_t CAsyncSocket::Impl::Connect(const std::string& strHost, uint32_t nPort) try {
   state = State::kConnecting;
   nConnectDeadline = GetTickCount() + kConnectTimeoutMs;
   StartTimer(kConnectTimeoutMs, &Impl::TriedLongEnough);
-  if (strHost.empty()) return FinishLater(kSockErrAddressRequired);
-  if (nPort == 0 || nPort > kMaxPort) return FinishLater(kSockErrAddressNotAvailable);
+  if (strHost.empty()) {
+    FinishLater(kSockErrAddressRequired);
+  } else if (nPort == 0 || nPort > kMaxPort) {
+    FinishLater(kSockErrAddressNotAvailable);
+  } else {
+    BeginConnect(strHost, static_cast<uint16_t>(nPort));
+  }
+  return 1;
+} catch (const std::bad_alloc&) {
+  timer.reset();
+  endpoints.clear();
+  state = State::kIdle;
+  return FailSocket(kSockErrNoBuffers);
+}
 
+void CAsyncSocket::Impl::BeginConnect(const std::string& strHost, uint16_t nPort) {
   std::error_code ec;
-  const auto port = static_cast<uint16_t>(nPort);
   const auto address = asio::ip::make_address(strHost, ec);
   if (!ec) {
-    endpoints = {{address, port}};
+    endpoints = {{address, nPort}};
     asio::post(pLoop->Io(), Handler([this] { TryNext(0); }));
     return;
   }
-  const auto take = [this, port](const std::error_code& failure,
-                                 const std::vector<asio::ip::address>& addresses) {
-    for (const asio::ip::address& found : addresses) endpoints.emplace_back(found, port);
+  const auto take = [this, nPort](const std::error_code& failure,
+                                  const std::vector<asio::ip::address>& addresses) {
+    for (const asio::ip::address& found : addresses) endpoints.emplace_back(found, nPort);
     std::reverse(endpoints.begin(), endpoints.end());  // the next one is at the back
     TryNext(SocketErrorCode(failure));
   };
   try {
     LookUpName(strHost, pLoop, Handler(take));
-  } catch (const std::exception&) {
+  } catch (const std::system_error&) {  // no thread for it
     FinishLater(kSockErrNoBuffers);
   }
 }

@@ -41,6 +41,7 @@ void CAsyncSocket::Impl::Begin(std::shared_ptr<CLoopCore> pNewLoop, int32_t nNew
   bBound = false;
   bCloseTold = false;
   bInReceive = false;
+  bReadPosted = false;
   {
     const std::lock_guard guard(lock);
     ++nRound;

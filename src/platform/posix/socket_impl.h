@@ -34,7 +34,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
 
   int32_t Bind(const Tcp::endpoint& local);
   int32_t Listen(int32_t nBacklog);
-  void Connect(const std::string& strHost, uint32_t nPort);
+  int32_t Connect(const std::string& strHost, uint32_t nPort);
   int32_t Adopt(Tcp::socket&& accepted);
   int32_t Receive(void* pBuffer, int32_t nSize);
 
@@ -56,6 +56,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   bool bBound = false;
   bool bCloseTold = false;
   bool bInReceive = false;
+  bool bReadPosted = false;    // WaitRead has its turn soon
   int32_t nReceiveBudget = 0;  // what the OnReceive under way may still hand out
 
   // Shared, under the lock; nRound, pLoop, pLine and watch are written on the loop's thread alone.
@@ -83,6 +84,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   void DropSocket();
   void Lose(int32_t nCode);
 
+  void BeginConnect(const std::string& strHost, uint16_t nPort);
   void FinishLater(int32_t nCode);
   void TryNext(int32_t nCode);
   void TriedLongEnough();
@@ -92,6 +94,7 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   void LineReady();
   void Watch();
   void WaitRead();
+  void WaitReadLater();
   void Readable();
   void RaiseClose(int32_t nCode);
   int32_t ReadLine(void* pBuffer, int32_t nSize, int32_t nFlags);

@@ -108,6 +108,21 @@ void CAsyncSocket::Impl::WaitRead() {
   Watch();
 }
 
+// A Receive out of turn: whoever made it may be at work on the bytes still, and may want more. The
+// loop watches again when it has its turn, so that no ReceiveHere comes between.
+void CAsyncSocket::Impl::WaitReadLater() {
+  if (bReadPosted) return;
+  try {
+    asio::post(pLoop->Io(), Handler([this] {
+                 bReadPosted = false;
+                 WaitRead();
+               }));
+    bReadPosted = true;
+  } catch (const std::bad_alloc&) {
+    WaitRead();  // better out of order than never
+  }
+}
+
 void CAsyncSocket::Impl::Readable() {
   uint8_t probe = 0;
   const int32_t count = ReadLine(&probe, 1, MSG_PEEK);
@@ -141,7 +156,7 @@ int32_t CAsyncSocket::Impl::Receive(void* pBuffer, int32_t nSize) {
   if (bInReceive) {
     nReceiveBudget -= std::max(count, 0);
   } else {
-    WaitRead();
+    WaitReadLater();
   }
   return count;
 }
@@ -150,6 +165,7 @@ int32_t CAsyncSocket::Impl::ReadLine(void* pBuffer, int32_t nSize, int32_t nFlag
   const std::lock_guard guard(lock);
   if (!pLine) return FailSocket(kSockErrNotConnected, -1);
   if (bReadLent) return FailSocket(kSockErrWouldBlock, -1);
+  bReadWanted = false;
   return Take(pLine->Get(), pBuffer, nSize, nFlags);
 }
 
