@@ -155,7 +155,7 @@ TEST_F(StopTest, WhileTheScriptIsLoaded) {
   std::string body = "BEGIN:\nPRINT \"x\"\n";
   for (int i = 0; i < 100000; ++i) body += "SLEEP 1\n";
   Verify(SerialScript(body + "END:\n"));
-  int32_t delay = 0;
+  uint32_t delay = 0;
   ExpectFastStop("loading", [&] {
     ASSERT_EQ(control.Run(), 0);
     Sleep(delay);
