@@ -136,6 +136,7 @@ class TableTest(kvl.FolderTest):
         self.create()
         all_tags, one = self.watch("--json"), self.watch("--json", LEVEL)
         self.table("set", TABLE, COUNT, 3)
+        all_tags.until(tag=COUNT)
         for value in (1.5, 1.5, 2.5):
             self.table("set", TABLE, LEVEL, value)
             event = one.until(tag=LEVEL)
