@@ -1,7 +1,6 @@
 // The live line, measured on real lines of this machine. Each figure stands beside a peer's.
 //   kvl_live_bench [idle] [latency] [flood]
 #include <fmt/format.h>
-#include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -22,6 +21,7 @@
 #include "control/DecodeCtrl.h"
 #include "echo_servers.h"
 #include "lines.h"
+#include "pinned.h"
 #include "platform/clock.h"
 #include "platform/message_loop.h"
 #include "platform/serial.h"
@@ -257,31 +257,6 @@ void Race(const std::string& title, std::vector<CContestant>& contestants, int q
     fmt::print("\n");
   }
 }
-
-// Where threads run decides more than what they do: a core that sleeps takes tens of microseconds
-// to wake. So the system is not left to choose. Threads begin where their maker is.
-class CPinned {
- public:
-  CPinned() { sched_getaffinity(0, sizeof m_allowed, &m_allowed); }
-  ~CPinned() { sched_setaffinity(0, sizeof m_allowed, &m_allowed); }
-  CPinned(const CPinned&) = delete;
-  CPinned& operator=(const CPinned&) = delete;
-
-  // The calling thread runs on the first or the last core that it may use.
-  void ToFirst() const { To(0, 1); }
-  void ToLast() const { To(CPU_SETSIZE - 1, -1); }
-
- private:
-  void To(int core, int step) const {
-    while (!CPU_ISSET(core, &m_allowed)) core += step;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(core, &one);
-    sched_setaffinity(0, sizeof one, &one);
-  }
-
-  cpu_set_t m_allowed{};
-};
 
 // The servers are on the last core.
 void RaceAll(const std::string& line, const CPinned& pinned,

@@ -83,7 +83,10 @@ struct CWakeUp {
   Nanoseconds m_p99;
 };
 
-// From just before a PUT to the return of another process's wait for the event.
-CWakeUp MeasureEventWakeUp();
-// The same with a bare futex between the two.
-CWakeUp MeasureFutexWakeUp();
+struct CWakeUps {
+  CWakeUp m_event;  // from just before a PUT to the return of another process's wait for the event
+  CWakeUp m_futex;  // the same with a bare futex between the two
+  double m_medianRatio;
+  double m_p99Ratio;
+};
+CWakeUps MeasureWakeUps();

@@ -25,7 +25,7 @@ class CSession {
     }
     CTableOwner owner(m_strTable);
     Require(owner.Create(tags, true), "no table");
-    m_pExchange = std::make_unique<CTagExchange>(m_strTable, EAudience::kOwner);
+    m_pExchange = std::make_unique<CTagExchange>(m_strTable, EAudience::kOwner, m_nobody);
   }
   ~CSession() { CTableOwner::Remove(m_strTable); }
   CSession(const CSession&) = delete;
@@ -33,8 +33,7 @@ class CSession {
 
   int32_t NewSlot() { return m_pExchange->NewSlot(); }
   void Put(int32_t nSlot, int nTag, float value) {
-    m_pExchange->Put(nSlot, m_names[static_cast<size_t>(nTag)], {true, double{value}, {}},
-                     m_nobody);
+    m_pExchange->Put(nSlot, m_names[static_cast<size_t>(nTag)], {true, double{value}, {}});
   }
   float Get(int32_t nSlot, int nTag) {
     uint8_t bytes[4] = {};
@@ -193,12 +192,13 @@ int main() {
   AddPeer(report, kRedis, 5, pRedis.get());
   report.Measure();
   report.Print();
-  const CWakeUp event = MeasureEventWakeUp();
-  const CWakeUp futex = MeasureFutexWakeUp();
-  printf("%-28s %8.0f ns median, %8.0f ns p99\n", "PUT to awake", event.m_median, event.m_p99);
-  printf("%-28s %8.0f ns median, %8.0f ns p99\n\n", "futex to awake", futex.m_median, futex.m_p99);
+  const CWakeUps wakeUps = MeasureWakeUps();
+  constexpr const char* kTimes = "%-28s %8.0f ns median, %8.0f ns p99\n";
+  printf(kTimes, "PUT to awake", wakeUps.m_event.m_median, wakeUps.m_event.m_p99);
+  printf(kTimes, "futex to awake", wakeUps.m_futex.m_median, wakeUps.m_futex.m_p99);
+  puts("");
   PrintRatios(report);
-  AtMost(1.5, "PUT to awake / futex to awake, median", event.m_median / futex.m_median);
-  AtMost(1.5, "PUT to awake / futex to awake, p99", event.m_p99 / futex.m_p99);
+  AtMost(1.5, "PUT to awake / futex to awake, median", wakeUps.m_medianRatio);
+  AtMost(1.5, "PUT to awake / futex to awake, p99", wakeUps.m_p99Ratio);
   return 0;
 }

@@ -1,15 +1,18 @@
 // How long a reader in another process takes to wake up.
 #include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <climits>
+#include <csignal>
 #include <string>
 
 #include "measure.h"
+#include "pinned.h"
 #include "platform/named_event.h"
 #include "script/tag_exchange.h"
 #include "store/TableOwner.h"
@@ -18,49 +21,94 @@ using namespace kvl;
 
 namespace {
 
-constexpr int kRounds = 4000;
-
 // What the two processes share of the measuring itself.
-struct Stage {
+struct CStage {
   std::atomic<int64_t> m_nStart;
   std::atomic<uint32_t> m_nWord;
-  std::atomic<int> m_nDone;
-  Nanoseconds m_times[kRounds];
+  std::atomic<int> m_nWoken;
+  Nanoseconds m_time;  // of the wake-up before
 };
 
 void Futex(std::atomic<uint32_t>& word, int nOperation, uint32_t nValue) {
   syscall(SYS_futex, &word, nOperation, nValue, nullptr, nullptr, 0);
 }
 
-// Runs `sleep` in another process and `wake` here, which notes m_nStart first.
-CWakeUp Measure(const std::function<void(Stage&)>& sleep, const std::function<void(Stage&)>& wake) {
+CStage* SharedStage() {
   void* pMapped =
-      mmap(nullptr, sizeof(Stage), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+      mmap(nullptr, sizeof(CStage), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   Require(pMapped != MAP_FAILED, "no memory");
-  auto* pStage = static_cast<Stage*>(pMapped);
-  const pid_t nReader = fork();
-  if (nReader == 0) {
-    for (int i = 0; i < kRounds; ++i) {
-      sleep(*pStage);
-      pStage->m_times[i] = static_cast<Nanoseconds>(NowNanoseconds() - pStage->m_nStart);
-      pStage->m_nDone = i + 1;
+  return static_cast<CStage*>(pMapped);
+}
+
+// A process, on the last core, that sleeps in `sleep` over and over, and how soon `wake`, which
+// notes m_nStart first, has it awake.
+class CSleeper {
+ public:
+  CSleeper(const std::function<void(CStage&)>& sleep, std::function<void(CStage&)> wake)
+      : m_wake(std::move(wake)), m_nProcess(fork()) {
+    Require(m_nProcess >= 0, "no process");
+    if (m_nProcess > 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    bench::CPinned().ToLast();
+    for (;;) {
+      sleep(*m_pStage);
+      m_pStage->m_time = static_cast<Nanoseconds>(NowNanoseconds() - m_pStage->m_nStart);
+      ++m_pStage->m_nWoken;
     }
-    _exit(0);
   }
-  for (int i = 0; i < kRounds; ++i) {
-    usleep(100);  // the reader falls asleep
-    wake(*pStage);
-    while (pStage->m_nDone <= i) usleep(20);
+  ~CSleeper() {
+    kill(m_nProcess, SIGKILL);
+    waitpid(m_nProcess, nullptr, 0);
+    munmap(m_pStage, sizeof(CStage));
   }
-  waitpid(nReader, nullptr, 0);
-  const std::vector<Nanoseconds> times(pStage->m_times, pStage->m_times + kRounds);
-  munmap(pMapped, sizeof(Stage));
+  CSleeper(const CSleeper&) = delete;
+  CSleeper& operator=(const CSleeper&) = delete;
+
+  // The times of one round.
+  std::vector<Nanoseconds> Wake(int nTimes) {
+    std::vector<Nanoseconds> times;
+    for (int i = 0; i < nTimes; ++i) {
+      const int nWoken = m_pStage->m_nWoken;
+      usleep(100);  // it falls asleep
+      m_wake(*m_pStage);
+      while (m_pStage->m_nWoken == nWoken) usleep(20);
+      times.push_back(m_pStage->m_time);
+    }
+    return times;
+  }
+
+ private:
+  CStage* const m_pStage = SharedStage();
+  const std::function<void(CStage&)> m_wake;
+  const pid_t m_nProcess;
+};
+
+CWakeUp Summary(const std::vector<Nanoseconds>& times) {
   return {Percentile(times, 0.5), Percentile(times, 0.99)};
+}
+
+// Both take turns, and the ratios are taken within a round, where the machine is in the same mood
+// for both.
+CWakeUps Compare(CSleeper& event, CSleeper& futex) {
+  constexpr int kRounds = 40;
+  constexpr int kTimes = 200;
+  std::vector<Nanoseconds> eventTimes, futexTimes;
+  std::vector<double> medians, p99s;
+  for (int nRound = 0; nRound < kRounds; ++nRound) {
+    const std::vector<Nanoseconds> ofEvent = event.Wake(kTimes);
+    const std::vector<Nanoseconds> ofFutex = futex.Wake(kTimes);
+    eventTimes.insert(eventTimes.end(), ofEvent.begin(), ofEvent.end());
+    futexTimes.insert(futexTimes.end(), ofFutex.begin(), ofFutex.end());
+    medians.push_back(Summary(ofEvent).m_median / Summary(ofFutex).m_median);
+    p99s.push_back(Summary(ofEvent).m_p99 / Summary(ofFutex).m_p99);
+  }
+  return {Summary(eventTimes), Summary(futexTimes), Percentile(medians, 0.5),
+          Percentile(p99s, 0.5)};
 }
 
 }  // namespace
 
-CWakeUp MeasureEventWakeUp() {
+CWakeUps MeasureWakeUps() {
   const std::string strTable = "bench-wake-" + std::to_string(getpid());
   const std::string strTag = strTable + "-LEVEL";
   CTagSet tags;
@@ -69,29 +117,29 @@ CWakeUp MeasureEventWakeUp() {
   Require(owner.Create(tags, false), "no table");
   const CNamedEvent event(strTag + kEventSuffix, EAudience::kOwner);
   Require(event.IsOpen(), "no event");
-  CTagExchange exchange(strTable, EAudience::kOwner);
-  const int32_t nSlot = exchange.NewSlot();
   CNobody nobody;
+  CTagExchange exchange(strTable, EAudience::kOwner, nobody);
+  const int32_t nSlot = exchange.NewSlot();
   uint32_t nSeen = 0;
-  const CWakeUp result = Measure([&](Stage&) { event.WaitForNext(nSeen, kForever); },
-                                 [&](Stage& stage) {
-                                   stage.m_nStart = NowNanoseconds();
-                                   exchange.Put(nSlot, strTag, {true, 1.5, {}}, nobody);
-                                 });
-  CTableOwner::Remove(strTable);
-  return result;
-}
-
-CWakeUp MeasureFutexWakeUp() {
-  uint32_t nSeen = 0;
-  return Measure(
-      [&](Stage& stage) {
-        while (stage.m_nWord == nSeen) Futex(stage.m_nWord, FUTEX_WAIT, nSeen);
-        ++nSeen;
+  uint32_t nWord = 0;
+  const bench::CPinned pinned;
+  pinned.ToFirst();
+  CSleeper eventSleeper([&](CStage&) { event.WaitForNext(nSeen, kForever); },
+                        [&](CStage& stage) {
+                          stage.m_nStart = NowNanoseconds();
+                          exchange.Put(nSlot, strTag, {true, 1.5, {}});
+                        });
+  CSleeper futexSleeper(
+      [&](CStage& stage) {
+        while (stage.m_nWord == nWord) Futex(stage.m_nWord, FUTEX_WAIT, nWord);
+        ++nWord;
       },
-      [](Stage& stage) {
+      [](CStage& stage) {
         stage.m_nStart = NowNanoseconds();
         ++stage.m_nWord;
         Futex(stage.m_nWord, FUTEX_WAKE, INT_MAX);
       });
+  const CWakeUps result = Compare(eventSleeper, futexSleeper);
+  CTableOwner::Remove(strTable);
+  return result;
 }
