@@ -282,22 +282,21 @@ TEST_F(CAsyncSocketTest, NameThatIsNotAnsweredHoldsUpNobody) {
 }
 
 TEST_F(CAsyncSocketTest, AddressThatDoesNotAnswerLeavesTimeForTheNext) {
-  CTestSock full;  // its queue has room for one connection, and it takes none
-  ASSERT_TRUE(full.Create(port, kSockStream, 0, "127.0.0.2"));
-  ASSERT_TRUE(full.Listen(0));
-  CTestSock callers[4];
-  const bool isFull = std::any_of(std::begin(callers), std::end(callers), [&](CTestSock& caller) {
-    const auto taken = [&caller] { return !caller.connects.empty(); };
-    return caller.Create() && caller.Connect("127.0.0.2", port) &&
-           !CMessageLoop::Current().RunUntil(taken, 500);
-  });
-  ASSERT_TRUE(isFull);
-
+  CSilentPeer silent;
+  ASSERT_TRUE(silent.Open(port));
+  CTestSock hopeless;
+  const int64_t start = GetTickCount();
+  ASSERT_TRUE(hopeless.Create());
+  ASSERT_TRUE(hopeless.Connect("127.0.0.2+127.0.0.2", port));
   ASSERT_TRUE(client.Create());
   ASSERT_TRUE(client.Connect("127.0.0.2+127.0.0.1", port));
   ASSERT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
   EXPECT_EQ(client.connects[0], 0);
   EXPECT_TRUE(RunLoopUntil([&] { return server.GetHandle() != kInvalidSocket; }));
+  EXPECT_TRUE(hopeless.connects.empty());
+  ASSERT_TRUE(RunLoopUntil([&] { return !hopeless.connects.empty(); }));
+  EXPECT_EQ(hopeless.connects[0], kSockErrTimedOut);
+  EXPECT_GE(GetTickCount() - start, CAsyncSocket::kConnectTimeoutMs);
 }
 
 TEST_F(CAsyncSocketTest, ResetCarriesItsCodeToTheClose) {

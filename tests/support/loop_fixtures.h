@@ -102,4 +102,24 @@ class CTestSock : public CAsyncSocket {
   std::function<void()> onReceive, onClose;
 };
 
+// A port of this machine at which a connect gets no answer: the queue is full, and nobody takes
+// connections out of it.
+class CSilentPeer {
+ public:
+  static constexpr const char* kAddress = "127.0.0.2";
+
+  bool Open(uint32_t port) {
+    if (!m_listener.Create(port, kSockStream, 0, kAddress) || !m_listener.Listen(0)) return false;
+    for (CTestSock& caller : m_callers) {
+      const auto isTaken = [&caller] { return !caller.connects.empty(); };
+      if (!caller.Create() || !caller.Connect(kAddress, port)) return false;
+      if (!CMessageLoop::Current().RunUntil(isTaken, 500)) return true;
+    }
+    return false;
+  }
+
+ private:
+  CTestSock m_listener, m_callers[4];
+};
+
 }  // namespace kvl
