@@ -24,6 +24,7 @@ TEST(CWakeupTest, EachSetLetsOneWaitThrough) {
   EXPECT_TRUE(wakeup.Wait(0));
   EXPECT_FALSE(wakeup.Wait(1));
   std::thread waiter([&] { EXPECT_TRUE(wakeup.Wait(-1)); });
+  Sleep(20);  // so that it waits, as a rule
   wakeup.Set();
   waiter.join();
 }
@@ -84,10 +85,16 @@ TEST_F(CSerialDeviceTest, NothingToReadIsNoFailureAndNoWait) {
 TEST_F(CSerialDeviceTest, WaitEndsByBytesOrByTheWakeup) {
   wakeup.Set();
   EXPECT_EQ(device.WaitReadable(wakeup, -1), SerialWait::kWoken);
-  std::thread waker([&] { wakeup.Set(); });
+  const auto later = [](auto work) {
+    return std::thread([work] {
+      Sleep(20);
+      work();
+    });
+  };
+  std::thread waker = later([&] { wakeup.Set(); });
   EXPECT_EQ(device.WaitReadable(wakeup, -1), SerialWait::kWoken);
   waker.join();
-  std::thread sender([&] { line.Write("x", 1, 1000); });
+  std::thread sender = later([&] { line.Write("x", 1, 1000); });
   EXPECT_EQ(device.WaitReadable(wakeup, -1), SerialWait::kBytes);
   sender.join();
 }
@@ -150,7 +157,7 @@ TEST_F(CSerialDeviceTest, WriteOnAFullLineEndsByTimeInterruptAndClose) {
     device.Write(block.data(), 1 << 17, -1, &count);
     EXPECT_LT(count, 1 << 17);
   });
-  Sleep(5);
+  Sleep(20);
   device.Close();
   closed.join();
 
@@ -160,6 +167,7 @@ TEST_F(CSerialDeviceTest, WriteOnAFullLineEndsByTimeInterruptAndClose) {
     EXPECT_EQ(device.Write(block.data(), 1 << 17, -1, &count), kErrorNone);
     EXPECT_LT(count, 1 << 17);
   });
+  Sleep(20);
   device.Interrupt();
   interrupted.join();
 }

@@ -361,6 +361,7 @@ TEST_F(CAsyncSocketTest, WriterOnAFullLineIsFreedByRoomInterruptAndClose) {
   while (server.Send(block.data(), 1 << 20) > 0) {
   }
   std::thread byInterrupt([&] { EXPECT_FALSE(server.WaitWritable(-1)); });
+  Sleep(20);  // so that it waits, as a rule
   server.Interrupt();
   byInterrupt.join();
   EXPECT_FALSE(server.WaitWritable(-1)) << "until the socket is made anew";

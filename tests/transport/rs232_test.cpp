@@ -172,6 +172,7 @@ TEST_F(CRS232CtrlTest, CloseEndsAWaitingCheck) {
   Open(Settings());
   ASSERT_EQ(port.bsWaitCommEvent(), 1);
   std::thread waiter([&] { EXPECT_EQ(port.bsCheckForCommEvent(1), 0U); });
+  Sleep(20);  // so that it waits, as a rule
   port.Close();
   waiter.join();
 }
@@ -244,6 +245,7 @@ TEST_F(CRS232CtrlTest, FullLineHoldsUpAWriteForTheTimeOutAtMost) {
   EXPECT_EQ(port.IsValid(), 1) << "a time-out is no failure";
   port.bsSetWriteTimeouts(0, 0);
   std::thread writer([&] { EXPECT_EQ(port.Write(block.data(), 1), 0); });
+  Sleep(20);
   port.Interrupt();
   writer.join();
 }
