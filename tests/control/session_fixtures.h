@@ -24,17 +24,6 @@
 
 namespace kvl {
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define KVL_TEST_SANITIZED 1
-#endif
-#endif
-#ifdef KVL_TEST_SANITIZED
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
-
 // Writes down what a session tells. While the gate is closed a PRINT holds the worker.
 class CSeenSession : public CSessionObserver {
  public:

@@ -13,6 +13,17 @@
 
 namespace kvl {
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#define KVL_TEST_SANITIZED 1
+#endif
+#endif
+#ifdef KVL_TEST_SANITIZED
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 // Generous: it only bounds a failing test.
 inline constexpr int32_t kTestPatienceMs = 30000;
 
