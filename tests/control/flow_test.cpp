@@ -146,6 +146,25 @@ TEST_F(FlowTest, BytesThatNoPassHasSeenBeginTheNextSession) {
   EXPECT_EQ(seen.Prints()[1], "kept ");
 }
 
+TEST_F(FlowTest, ReadsAreOf2048BytesAtMost) {
+  StartTcp("BEGIN:\nSLEEP 1\nEND:\n");  // never idle, so that this thread reads
+  PeerSends(std::string(5000, 'y'));
+  ASSERT_TRUE(RunLoopUntil([this] { return seen.received == 5000; }));
+  EXPECT_EQ(seen.pieces, (std::vector<size_t>{2048, 2048, 904}));
+}
+
+// The script never stops sending while its socket is closed and made anew under it.
+TEST_F(FlowTest, OutFindsEachNewSocket) {
+  StartTcp("BEGIN:\nOUT \"x\"\nEND:\n");
+  for (int i = 0; i < 100; ++i) {
+    if (i % 2 == 0) peer.Close();
+    control.OnRecreateSocket();
+    if (i % 2 == 1) peer.Close();
+    peer.received.clear();
+    ASSERT_TRUE(RunLoopUntil([this] { return control.IsConnected() && !peer.received.empty(); }));
+  }
+}
+
 // What a flood costs is told, and it takes neither the script's passes nor Stop away.
 TEST_F(FlowTest, FloodIsCountedAndKeepsNobodyFromWorking) {
   constexpr const char* kCount =

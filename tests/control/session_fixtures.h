@@ -32,7 +32,10 @@ class CSeenSession : public CSessionObserver {
     texts.emplace_back(text);
     if (onStatus) onStatus(status);
   }
-  void OnReceived(std::span<const uint8_t> bytes) override { received += bytes.size(); }
+  void OnReceived(std::span<const uint8_t> bytes) override {
+    pieces.push_back(bytes.size());
+    received += bytes.size();
+  }
   void OnSent(std::span<const uint8_t>, int32_t) override { ++sent; }
   void OnPrint(std::string_view message) override {
     if (onPrint) onPrint();
@@ -68,6 +71,7 @@ class CSeenSession : public CSessionObserver {
   std::vector<std::string> texts;
   std::function<void(ESessionStatus)> onStatus;
   std::function<void()> onPrint;  // on the worker
+  std::vector<size_t> pieces;     // to be looked at while the worker is held
   std::atomic<size_t> received{0};
   std::atomic<int> sent{0};
   std::atomic<size_t> printed{0};
