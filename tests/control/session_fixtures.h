@@ -71,7 +71,7 @@ class CSeenSession : public CSessionObserver {
   std::vector<std::string> texts;
   std::function<void(ESessionStatus)> onStatus;
   std::function<void()> onPrint;  // on the worker
-  std::vector<size_t> pieces;     // to be looked at while the worker is held
+  std::vector<size_t> pieces;     // for the thread that receives
   std::atomic<size_t> received{0};
   std::atomic<int> sent{0};
   std::atomic<size_t> printed{0};
