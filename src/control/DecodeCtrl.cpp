@@ -279,13 +279,17 @@ void CDecodeCtrl::StopWorker() {
   m_port.Interrupt();
   m_socket.Interrupt();
   // The observer may be sending a message to a window of this thread.
-  m_loop.WaitServingCalls([this] { return m_bWorkerEnded.load(); });
-  m_thread.join();
+  const uint32_t session = m_nSession;
+  m_loop.WaitServingCalls([=, this] { return m_bWorkerEnded || m_nSession != session; });
+  if (m_nSession == session && m_thread.joinable()) m_thread.join();
 }
 
 void CDecodeCtrl::Stop() {
   const bool hadSession = m_pKVL != nullptr;
+  const uint32_t session = m_nSession;
   StopWorker();
+  // A message that was handled meanwhile may have stopped the session, and started another.
+  if (hadSession && (m_pKVL == nullptr || m_nSession != session)) return;
   if (const std::shared_ptr<CRS232Ctrl> port = m_port.Replace(nullptr)) port->Close();
   CloseSocket();
   m_pKVL.reset();

@@ -69,7 +69,8 @@ class KVL_API CDecodeCtrl : public CStatic {
               int32_t nStopBit);
 
   // Ends the session, within milliseconds whatever the script is doing. Bytes that no pass has
-  // seen begin the first batch of the next session.
+  // seen begin the first batch of the next session. What other threads send to this thread's
+  // windows meanwhile is handled, or a worker whose observer does so could not end.
   void Stop();
 
   // Paints a plain blue rectangle.

@@ -162,6 +162,27 @@ TEST_F(StopTest, WhileTheScriptIsLoaded) {
   });
 }
 
+// What a third thread sends is handled within a Stop as well.
+TEST_F(StopTest, StopWithinStop) {
+  for (const bool runs : {false, true}) {
+    seen.Forget();
+    seen.SetGate(false);
+    StartSerial("BEGIN:\nPRINT \"x\"\nEND:\n");
+    ASSERT_TRUE(WaitFor([&] { return seen.printed > 0; }));
+    host.handler = [&](const SeenMessage&) {
+      seen.SetGate(true);  // until now the outer Stop has to wait
+      control.Stop();
+      return runs ? control.Run() : 0;
+    };
+    std::thread sender([&] { SendMessageA(host.GetSafeHwnd(), kWmUser, 0, 0); });
+    control.Stop();
+    sender.join();
+    EXPECT_EQ(seen.Count(ESessionStatus::Stopped), 1);
+    EXPECT_EQ(control.GetEngine() != nullptr, runs) << "the inner session lives";
+    control.Stop();
+  }
+}
+
 // The control's thread waits for the worker, and that one for an answer of the control's thread.
 TEST_F(StopTest, WhileTheObserverSendsAMessage) {
   std::atomic<int> begun{0};
