@@ -363,7 +363,7 @@ TEST_F(CDecodeCtrlTest, IdleWorkerSleepsAndCountingOneDoesNot) {
     Sleep(400);
     EXPECT_LT(cpuMs() - before, 20) << serial;
     if (!kSanitized) {  // a sanitizer has a thread of its own
-      EXPECT_LE(wakeUps() - wakeUpsBefore, 2) << "its own sleep, and nobody else's";
+      EXPECT_LE(wakeUps() - wakeUpsBefore, 3) << "this thread's sleep, and no polling";
     }
     serial ? LineSends("b") : PeerSends("b");
     ASSERT_TRUE(ReachesPrints(printed + 2)) << "bytes wake it";

@@ -152,7 +152,7 @@ TEST_F(StopTest, WhileAStoppedNeighbourHoldsTheTable) {
 
 TEST_F(StopTest, WhileTheScriptIsLoaded) {
   std::string body = "BEGIN:\nPRINT \"x\"\n";
-  for (int i = 0; i < 100000; ++i) body += "SLEEP 1\n";
+  for (int i = 0; i < 50000; ++i) body += "SLEEP 1\n";
   Verify(SerialScript(body + "END:\n"));
   uint32_t delay = 0;
   ExpectFastStop("loading", [&] {

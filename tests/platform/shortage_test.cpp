@@ -11,13 +11,13 @@ namespace {
 // done what it was to do.
 template <typename Work>
 void WithEverLessShortage(Work work) {
-  g_bAllocationFailed = true;
-  for (int left = 0; g_bAllocationFailed; ++left) {
-    g_bAllocationFailed = false;
-    g_nAllocationsLeft = left;
+  t_bAllocationFailed = true;
+  for (int left = 0; t_bAllocationFailed; ++left) {
+    t_bAllocationFailed = false;
+    t_nAllocationsLeft = left;
     const bool bDone = work();
-    g_nAllocationsLeft = -1;
-    EXPECT_EQ(bDone, !g_bAllocationFailed) << left;
+    t_nAllocationsLeft = -1;
+    EXPECT_EQ(bDone, !t_bAllocationFailed) << left;
   }
 }
 

@@ -6,18 +6,18 @@
 
 namespace {
 
-// How many allocations still succeed; negative: all.
-int g_nAllocationsLeft = -1;
-bool g_bAllocationFailed = false;
+// How many allocations of the thread still succeed; negative: all.
+thread_local int t_nAllocationsLeft = -1;
+thread_local bool t_bAllocationFailed = false;
 
 }  // namespace
 
 void* operator new(size_t size) {
-  if (g_nAllocationsLeft == 0) {
-    g_bAllocationFailed = true;
+  if (t_nAllocationsLeft == 0) {
+    t_bAllocationFailed = true;
     throw std::bad_alloc();
   }
-  if (g_nAllocationsLeft > 0) --g_nAllocationsLeft;
+  if (t_nAllocationsLeft > 0) --t_nAllocationsLeft;
   if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
   throw std::bad_alloc();
 }

@@ -12,15 +12,15 @@ TEST(VerifierMemoryTest, WithoutMemoryTheScriptIsRefused) {
   const std::string text = "VAR A_NAME_THAT_IS_ALLOCATED% 0\nDIM BUF$ 10\n" +
                            std::string("BEGIN:\nADD BUF, BUF[A_NAME_THAT_IS_ALLOCATED+1]\nEND:\n");
   Verify(text);  // what is made once is made
-  g_bAllocationFailed = true;
-  for (int left = 0; g_bAllocationFailed; ++left) {
+  t_bAllocationFailed = true;
+  for (int left = 0; t_bAllocationFailed; ++left) {
     CKVLSyntax syntax;
-    g_bAllocationFailed = false;
-    g_nAllocationsLeft = left;
+    t_bAllocationFailed = false;
+    t_nAllocationsLeft = left;
     syntax._CompileMainScript1(syntax.LoadText(text));
     syntax._VerifyMainScript();
-    g_nAllocationsLeft = -1;
-    EXPECT_EQ(syntax.GetErrorCount() > 0, g_bAllocationFailed) << left;
+    t_nAllocationsLeft = -1;
+    EXPECT_EQ(syntax.GetErrorCount() > 0, t_bAllocationFailed) << left;
   }
 }
 
