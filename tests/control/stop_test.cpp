@@ -179,6 +179,7 @@ TEST_F(StopTest, StopWithinStop) {
     sender.join();
     EXPECT_EQ(seen.Count(ESessionStatus::Stopped), 1);
     EXPECT_EQ(control.GetEngine() != nullptr, runs) << "the inner session lives";
+    host.handler = nullptr;
     control.Stop();
   }
 }
