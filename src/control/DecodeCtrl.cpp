@@ -131,6 +131,7 @@ int32_t CDecodeCtrl::Run() {
     if (m_comm.nMedia != kMediaTcp) return 0;
     m_strHost = m_comm.szIP;
     m_nPort = ParseInteger(m_comm.szPort);
+    m_strPeer = m_strHost + ":" + std::to_string(m_nPort);
     m_pKVL->SetInterface(kMediaTcp);
     m_pKVL->SetLine(kMediaTcp, &m_socket);
     OpenSocket();
@@ -171,22 +172,17 @@ int32_t CDecodeCtrl::OpenPort(CWnd* pOwner) {
   return 0;
 }
 
-std::string CDecodeCtrl::Peer() const {
-  return m_strHost + ":" + std::to_string(m_nPort);
-}
-
 void CDecodeCtrl::OpenSocket() {
   if (Guarded([this] { return StartConnect(); }) != 0) FinishConnect(kSockErrNoBuffers);
 }
 
 int32_t CDecodeCtrl::StartConnect() {
-  const std::string peer = Peer();
   const auto socket = std::make_shared<CClientSock>();
   socket->SetWnd(GetSafeHwnd());
   socket->Create(0, kSockStream, kFdAll, nullptr);
   m_socket.Replace(socket);
   if (socket->Connect(m_strHost, static_cast<uint32_t>(m_nPort)) == 0) return -1;
-  Tell(ESessionStatus::Connecting, peer);
+  Tell(ESessionStatus::Connecting, m_strPeer);
   return 0;
 }
 
@@ -213,13 +209,31 @@ void CDecodeCtrl::FinishConnect(int32_t error) {
     CloseSocket();  // nobody would take its bytes
   }
   m_bConnected = error == 0;
-  if (m_bConnected) {
-    m_strStatus = "\r\nConnected to " + Peer() + " ...\r\n";
-    Tell(ESessionStatus::Connected, Peer());
-  } else {
-    m_strStatus = ConnectErrorText(error);
-    Tell(ESessionStatus::ConnectFailed, m_strStatus.empty() ? OtherErrorText(error) : m_strStatus);
-  }
+  if (!m_bConnected) return TellConnectFailed(error);
+  SetStatusText({"\r\nConnected to ", m_strPeer, " ...\r\n"});
+  Tell(ESessionStatus::Connected, m_strPeer);
+}
+
+void CDecodeCtrl::TellConnectFailed(int32_t error) {
+  const std::string_view text = ConnectErrorText(error);
+  SetStatusText({text});
+  if (!text.empty()) return Tell(ESessionStatus::ConnectFailed, text);
+  std::string other;
+  Guarded([&] {
+    other = OtherErrorText(error);
+    return 0;
+  });
+  Tell(ESessionStatus::ConnectFailed, other);
+}
+
+// Without memory for the text there is none: what happened is told all the same.
+void CDecodeCtrl::SetStatusText(std::initializer_list<std::string_view> parts) noexcept {
+  m_strStatus.clear();
+  const auto append = [&] {
+    for (const std::string_view part : parts) m_strStatus += part;
+    return 0;
+  };
+  if (Guarded(append) != 0) m_strStatus.clear();
 }
 
 LRESULT CDecodeCtrl::OnReceiveSocket(WPARAM hSocket, LPARAM /*lParam*/) {
@@ -246,7 +260,7 @@ LRESULT CDecodeCtrl::OnCloseSocket(WPARAM hSocket, LPARAM lParam) {
   if (socket == nullptr) return 0;
   socket->Close();
   CloseSocket();
-  m_strStatus = "\r\nDisconnect from " + m_strHost + " ...\n\r\n";
+  SetStatusText({"\r\nDisconnect from ", m_strHost, " ...\n\r\n"});
   Tell(ESessionStatus::Closed, reason);
   return 1;
 }

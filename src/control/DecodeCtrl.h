@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -114,14 +115,15 @@ class KVL_API CDecodeCtrl : public CStatic {
  private:
   int32_t StartSession();
   int32_t OpenPort(CWnd* pOwner);
-  std::string Peer() const;
   void OpenSocket();
   int32_t StartConnect();
   void FinishConnect(int32_t error);
+  void TellConnectFailed(int32_t error);
   void CloseSocket();
   void Queue(std::span<const uint8_t> bytes);
   bool StartWorker();
   void StopWorker();
+  void SetStatusText(std::initializer_list<std::string_view> parts) noexcept;
   void Tell(ESessionStatus status, std::string_view text) noexcept;
 
   // The worker's part.
@@ -153,6 +155,7 @@ class KVL_API CDecodeCtrl : public CStatic {
   CLineSlot<CClientSock> m_socket;
   std::atomic<uint32_t> m_nInterface{1};
   std::string m_strHost;
+  std::string m_strPeer;  // host and port
   int32_t m_nPort = 0;
   bool m_bConnected = false;
   std::string m_strStatus;

@@ -1,4 +1,5 @@
 #include "control/sync_notify.h"
+#include "platform/never_destroyed.h"
 
 #include <mutex>
 
@@ -62,8 +63,8 @@ class CPool {
 
 // Never destroyed: a host may answer to the very end of the process.
 CPool& Pool() {
-  static auto* pPool = new CPool;
-  return *pPool;
+  static CNeverDestroyed<CPool> s_pool;
+  return s_pool.Get();
 }
 
 }  // namespace

@@ -86,7 +86,9 @@ class CLoopCore {
 
   const std::thread::id m_thread;
   const std::shared_ptr<CMailbox> m_pMailbox;
-  std::mutex m_ioLock;  // guards m_bEnded, and so the use of m_io by other threads
+  // Guards m_bEnded, and so the use of m_io by other threads. Recursive: a task that there is no
+  // memory to post ends under it, and what it holds may post as it ends.
+  std::recursive_mutex m_ioLock;
   bool m_bEnded = false;
   std::optional<asio::io_context> m_io;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> m_work;

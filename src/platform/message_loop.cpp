@@ -322,19 +322,22 @@ struct CInterruptWatch::Impl final : CLoopResource,
   }
 };
 
-CInterruptWatch::CInterruptWatch(CMessageLoop::Task task) : m_pImpl(std::make_shared<Impl>()) {
-  m_pImpl->task = std::move(task);
-  if (!m_pImpl->pLoop) return;
-  // A signal that can't be watched keeps its ordinary effect.
-  RunGuarded([this] { m_pImpl->signals.emplace(m_pImpl->pLoop->Io()); });
-  if (!m_pImpl->signals) return;
-  asio::error_code ignored;
-  for (const int number : EndingSignals()) m_pImpl->signals->add(number, ignored);
-  m_pImpl->pLoop->Attach(m_pImpl.get());
-  m_pImpl->Wait();
+CInterruptWatch::CInterruptWatch(CMessageLoop::Task task) {
+  RunGuarded([&] {
+    auto pImpl = std::make_shared<Impl>();
+    if (!pImpl->pLoop) return;
+    pImpl->task = std::move(task);
+    pImpl->signals.emplace(pImpl->pLoop->Io());
+    asio::error_code ignored;
+    for (const int number : EndingSignals()) pImpl->signals->add(number, ignored);
+    pImpl->Wait();
+    pImpl->pLoop->Attach(pImpl.get());
+    m_pImpl = std::move(pImpl);
+  });
 }
 
 CInterruptWatch::~CInterruptWatch() {
+  if (!m_pImpl) return;
   if (m_pImpl->signals) m_pImpl->pLoop->Detach(m_pImpl.get());
   m_pImpl->signals.reset();
 }

@@ -79,7 +79,8 @@ class KVL_API CTimer {
 
 // Calls a task on the thread that made the object, each time the user presses Ctrl-C, the system
 // asks the program to end, or the program's terminal goes away (unless it was started with nohup).
-// The program then goes on as long as one such object lives.
+// The program then goes on as long as one such object lives. What the system has no means left to
+// watch keeps its ordinary effect.
 class KVL_API CInterruptWatch {
  public:
   explicit CInterruptWatch(CMessageLoop::Task task);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/loop_core.h"
+#include "platform/never_destroyed.h"
 
 namespace kvl {
 
@@ -28,8 +29,8 @@ struct CWindowTable {
 
 // Never destroyed: windows of static storage may end after everything else.
 CWindowTable& Windows() {
-  static auto* pTable = new CWindowTable;
-  return *pTable;
+  static CNeverDestroyed<CWindowTable> s_table;
+  return s_table.Get();
 }
 
 template <typename Value>
@@ -87,8 +88,13 @@ int32_t CWnd::Create(uint32_t nStyle, const RECT& rect, CWnd* pParent, uint32_t 
   {
     CWindowTable& table = Windows();
     const std::lock_guard guard(table.lock);
-    m_hWnd = reinterpret_cast<HWND>(++table.nLast);
-    table.windows.emplace(m_hWnd, CWindowRecord{this, pLoop, hParent, nullptr, nID});
+    const auto hWnd = reinterpret_cast<HWND>(++table.nLast);
+    try {
+      table.windows.emplace(hWnd, CWindowRecord{this, pLoop, hParent, nullptr, nID});
+    } catch (const std::bad_alloc&) {
+      return 0;
+    }
+    m_hWnd = hWnd;
   }
   if ((nStyle & kWsVisible) != 0) Invalidate();
   return 1;

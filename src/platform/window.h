@@ -48,7 +48,7 @@ class KVL_API CWnd {
 
   // Makes the window. A child (kWsChild) needs a parent, any other window has none. `rect` is its
   // place in its parent. Non-zero on success; 0 if the object has a window already, the parent is
-  // missing, a side exceeds CSurface::kMaxSide, or the thread has no loop.
+  // missing, a side exceeds CSurface::kMaxSide, the thread has no loop, or there is no memory.
   int32_t Create(uint32_t nStyle, const RECT& rect, CWnd* pParent, uint32_t nID);
 
   // Ends the window's children of this thread, sends it kWmDestroy, and ends it; from another

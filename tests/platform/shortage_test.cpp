@@ -1,25 +1,16 @@
 // Windows, loops and sockets when memory runs out.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <utility>
+
 #include "support/failing_new.h"
 #include "support/loop_fixtures.h"
 
 namespace kvl {
 namespace {
-
-// Runs `work` with ever more allocations until none of them fails; `work` tells whether it has
-// done what it was to do.
-template <typename Work>
-void WithEverLessShortage(Work work) {
-  t_bAllocationFailed = true;
-  for (int left = 0; t_bAllocationFailed; ++left) {
-    t_bAllocationFailed = false;
-    t_nAllocationsLeft = left;
-    const bool bDone = work();
-    t_nAllocationsLeft = -1;
-    EXPECT_EQ(bDone, !t_bAllocationFailed) << left;
-  }
-}
 
 TEST(ShortageTest, MessageThatCannotBeQueuedTakesNoPlace) {
   CTestWnd window;
@@ -47,17 +38,52 @@ TEST(ShortageTest, MessageThatCannotBeSentFails) {
   EXPECT_TRUE(RunLoopUntil([&] { return ended.load(); }));
 }
 
-TEST(ShortageTest, SocketsAndTimersFailAndCanBeUsedAgain) {
-  CTestSock listener;
-  const uint32_t port = listener.ListenLocal();
+// What the task holds posts itself as it ends.
+TEST(ShortageTest, TaskThatCannotBePostedEndsInPeace) {
+  struct CLastWord {
+    CMessageLoop loop = CMessageLoop::Current();
+    ~CLastWord() { loop.Quit(); }
+  };
+  WithEverLessShortage([] {
+    const int left = std::exchange(t_nAllocationsLeft, -1);
+    auto pLast = std::make_shared<CLastWord>();
+    CMessageLoop loop = pLast->loop;
+    CMessageLoop::Task task = [pLast = std::move(pLast)] {};
+    t_nAllocationsLeft = left;
+    return loop.Post(std::move(task));
+  });
+  CMessageLoop::Current().RunUntilIdle();
+}
+
+TEST(ShortageTest, WhatCannotBeMadeFailsAndCanBeTriedAgain) {
   WithEverLessShortage([] { return CTimer().Start(1000, [] {}); });
-  CTestSock client;
-  client.connects.reserve(1);
+  CWnd window;
+  WithEverLessShortage([&] { return window.Create(0, {}, nullptr, 1) != 0; });
+  t_nAllocationsLeft = 0;
+  const CInterruptWatch interrupts([] {});
+  t_nAllocationsLeft = -1;
+}
+
+// The system's part goes on meanwhile; the outcome comes whatever fails of ours.
+TEST(ShortageTest, ConnectHasAnOutcome) {
+  CTestSock listener, client;
+  const uint32_t port = listener.ListenLocal();
   const std::string host = "127.0.0.1";
+  const std::function<bool()> isTold = [&] { return !client.connects.empty(); };
+  client.connects.reserve(1);
   WithEverLessShortage(
       [&] { return client.GetHandle() != kInvalidSocket || client.Create() != 0; });
-  WithEverLessShortage([&] { return client.Connect(host, port) != 0; });
-  EXPECT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
+  WithEverLessShortage([&] {
+    if (client.Connect(host, port) == 0) return false;
+    CMessageLoop::Current().RunUntil(isTold, kTestPatienceMs);
+    t_nAllocationsLeft = -1;
+    if (client.connects != std::vector<int32_t>{0}) {
+      EXPECT_EQ(client.connects, std::vector<int32_t>{kSockErrNoBuffers});
+      client.connects.clear();
+      return false;
+    }
+    return true;
+  });
   EXPECT_EQ(client.connects, std::vector<int32_t>{0});
 }
 

@@ -190,6 +190,19 @@ TEST_F(CRS232CtrlTest, CloseAndOpenMayMeetAWrite) {
   run = false;
   port.Close();
   writer.join();
+
+  // What was still to be sent to the old port does not go to the new one.
+  constexpr int32_t kTooMuch = 1 << 17;
+  const std::vector<uint8_t> block(kTooMuch, 'x');
+  Open(Settings());
+  port.bsSetWriteTimeouts(0, 30);
+  const int32_t room = port.Write(block.data(), kTooMuch);
+  ASSERT_LT(room, kTooMuch);
+  Open(Settings());
+  std::thread held([&] { EXPECT_LE(port.Write(block.data(), kTooMuch), room); });
+  Sleep(20);
+  Open(Settings());
+  held.join();
 }
 
 TEST_F(CRS232CtrlTest, EventThreadFillsTheQueueAndPosts) {

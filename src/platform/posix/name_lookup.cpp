@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/never_destroyed.h"
 #include "platform/thread.h"
 
 namespace kvl {
@@ -31,8 +32,8 @@ struct CLookups {
 
 // Never destroyed: a look-up may outlast everything else.
 CLookups& Lookups() {
-  static auto* pLookups = new CLookups;
-  return *pLookups;
+  static CNeverDestroyed<CLookups> s_lookups;
+  return s_lookups.Get();
 }
 
 // Null for no memory.

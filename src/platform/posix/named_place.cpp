@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "platform/last_error.h"
+#include "platform/never_destroyed.h"
 
 namespace kvl {
 namespace {
@@ -95,8 +96,8 @@ struct CPrivateObjects {
 };
 
 CPrivateObjects& PrivateObjects() {
-  static auto* pObjects = new CPrivateObjects;
-  return *pObjects;
+  static CNeverDestroyed<CPrivateObjects> s_objects;
+  return s_objects.Get();
 }
 
 CObjectFile OpenPrivate(const std::string& strFile, EOpenMode mode) {

@@ -94,9 +94,17 @@ struct CSerialDevice::Impl {
     return pPort;
   }
 
-  bool MayWait() {
+  // What `port` takes at once; -1 as ::write. Nothing goes out behind a Close.
+  ssize_t Put(const Port& port, const uint8_t* pBytes, int32_t nCount) {
     const std::lock_guard guard(lock);
-    return pPort && !bInterrupted;
+    if (pPort == port) return ::write(port->Get(), pBytes, static_cast<size_t>(nCount));
+    errno = EAGAIN;
+    return -1;
+  }
+
+  bool MayWait(const Port& port) {
+    const std::lock_guard guard(lock);
+    return pPort == port && !bInterrupted;
   }
 
   template <typename Change>
@@ -244,15 +252,15 @@ uint32_t CSerialDevice::Write(const void* pBuffer, int32_t nSize, int32_t timeou
   if (!port) return kErrorInvalidHandle;
   const int64_t deadline = GetTickCount() + timeoutMs;
   while (*pWritten < nSize) {
-    const ssize_t count = ::write(port->Get(), static_cast<const uint8_t*>(pBuffer) + *pWritten,
-                                  static_cast<size_t>(nSize - *pWritten));
+    const ssize_t count =
+        m_pImpl->Put(port, static_cast<const uint8_t*>(pBuffer) + *pWritten, nSize - *pWritten);
     if (count > 0) {
       *pWritten += static_cast<int32_t>(count);
       continue;
     }
     if (count < 0 && errno != EAGAIN && errno != EINTR) return LastCode();
     const int64_t rest = timeoutMs < 0 ? -1 : deadline - GetTickCount();
-    if (!m_pImpl->MayWait() || (timeoutMs >= 0 && rest <= 0)) break;
+    if (!m_pImpl->MayWait(port) || (timeoutMs >= 0 && rest <= 0)) break;
     short events = 0;
     PollBeside(port->Get(), POLLOUT, m_pImpl->wakeup, static_cast<int32_t>(rest), &events);
   }

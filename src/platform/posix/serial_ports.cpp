@@ -1,4 +1,5 @@
 #include "platform/posix/serial_ports.h"
+#include "platform/never_destroyed.h"
 
 #include <algorithm>
 #include <charconv>
@@ -19,8 +20,8 @@ struct CPortMap {
 };
 
 CPortMap& PortMap() {
-  static auto* pMap = new CPortMap;
-  return *pMap;
+  static CNeverDestroyed<CPortMap> s_map;
+  return s_map.Get();
 }
 
 // The first line of a small file of the system; empty if there is none.

@@ -6,6 +6,7 @@
 #include <map>
 #include <utility>
 
+#include "platform/never_destroyed.h"
 #include "platform/posix/socket_error.h"
 #include "platform/posix/socket_impl.h"
 
@@ -21,8 +22,8 @@ struct CSocketTable {
 
 // Never destroyed: sockets of static storage may end after everything else.
 CSocketTable& Sockets() {
-  static auto* pTable = new CSocketTable;
-  return *pTable;
+  static CNeverDestroyed<CSocketTable> s_table;
+  return s_table.Get();
 }
 
 SOCKET Register(CAsyncSocket* pSocket) {

@@ -69,7 +69,7 @@ void CAsyncSocket::Impl::FinishLater(int32_t nCode) {
 }
 
 // Tries the next address; with none left the connect has failed with the last one's code.
-void CAsyncSocket::Impl::TryNext(int32_t nCode) {
+void CAsyncSocket::Impl::TryNext(int32_t nCode) try {
   if (endpoints.empty()) return Finish(nCode != 0 ? nCode : kSockErrAddressNotAvailable);
   const Tcp::endpoint remote = endpoints.back();
   endpoints.pop_back();
@@ -89,6 +89,9 @@ void CAsyncSocket::Impl::TryNext(int32_t nCode) {
                           if (IsConnectedToItself(*socket)) return TryNext(kSockErrRefused);
                           Finish(0);
                         }));
+} catch (const std::bad_alloc&) {
+  NextRound();
+  Finish(kSockErrNoBuffers);
 }
 
 void CAsyncSocket::Impl::TriedLongEnough() {
@@ -100,6 +103,7 @@ void CAsyncSocket::Impl::TriedLongEnough() {
 void CAsyncSocket::Impl::Finish(int32_t nCode) {
   timer.reset();
   if (nCode != 0) {
+    endpoints.clear();
     DropSocket();
     bBound = false;
     state = State::kIdle;

@@ -110,13 +110,15 @@ int32_t CAsyncSocket::Impl::Listen(int32_t nBacklog) {
   return 1;
 }
 
-void CAsyncSocket::Impl::WaitAccept() {
+void CAsyncSocket::Impl::WaitAccept() try {
   acceptor->async_accept(Handler([this](const std::error_code& ec, Tcp::socket accepted) {
     // A shortage of the system's passes: the connection waits in its queue meanwhile.
     if (ec) return StartTimer(kAcceptRetryMs, &Impl::WaitAccept);
     pending.emplace(std::move(accepted));
     RaiseAccept();
   }));
+} catch (const std::bad_alloc&) {
+  StartTimer(kAcceptRetryMs, &Impl::WaitAccept);
 }
 
 void CAsyncSocket::Impl::RaiseAccept() {

@@ -41,22 +41,25 @@ int32_t LastErrorCode() {
 }  // namespace
 
 // The connection leaves Asio's hands, which would wake the loop for every byte.
-int32_t CAsyncSocket::Impl::Establish(Tcp::socket&& connected) {
+int32_t CAsyncSocket::Impl::Establish(Tcp::socket&& connected) try {
   std::error_code ec;
-  auto line = std::make_shared<CDescriptor>(connected.release(ec));
+  CDescriptor descriptor(connected.release(ec));
   if (ec) return SocketErrorCode(ec);
+  auto line = std::make_shared<CDescriptor>(std::move(descriptor));
   socket.reset();
   SetLineOptions(line->Get());
-  try {
+  {
     const std::lock_guard guard(lock);
     watch.emplace(pLoop->Io(), line->Get());
     pLine = std::move(line);
-  } catch (const std::system_error& shortage) {
-    return SocketErrorCode(shortage.code());
   }
-  state = State::kConnected;
   WaitForLine();
+  state = State::kConnected;
   return 0;
+} catch (const std::system_error& shortage) {
+  return SocketErrorCode(shortage.code());
+} catch (const std::bad_alloc&) {
+  return kSockErrNoBuffers;
 }
 
 int32_t CAsyncSocket::Impl::Adopt(Tcp::socket&& accepted) {
@@ -89,7 +92,11 @@ void CAsyncSocket::Impl::LineReady() {
     // Even a watch for nothing tells the end of a connection, and would tell it without end.
     if ((bReadWanted && !bReadLent) || bWriteWanted) Watch();
   }
-  WaitForLine();
+  try {
+    WaitForLine();
+  } catch (const std::bad_alloc&) {
+    return RaiseClose(kSockErrNoBuffers);  // better ended than deaf
+  }
   if (writable && !Notify(kFdWrite, &CAsyncSocket::OnSend, 0)) return;
   if (readable) Readable();
 }
