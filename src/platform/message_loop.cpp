@@ -197,9 +197,10 @@ bool CLoopCore::CallOther(const std::function<void()>& task) {
     m_pMailbox->changed.notify_all();  // it may be waiting in a call of its own
   }
   // The owner of this reference keeps the loop alive until the task has run or been dropped.
-  PostUncounted([pMailbox = m_pMailbox] { ServeCalls(*pMailbox); });
-
   using State = CCall::State;
+  if (!PostUncounted([pMailbox = m_pMailbox] { ServeCalls(*pMailbox); })) {
+    pCall->Move(State::kWaiting, State::kRefused);
+  }
   const auto isTakenUp = [&call = *pCall] { return call.state != State::kWaiting; };
   const auto isOver = [&call = *pCall] { return call.state != State::kTaken; };
   CMailbox& own = *pCall->pCaller;

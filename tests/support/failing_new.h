@@ -29,18 +29,17 @@ void WithEverLessShortage(Work work) {
   }
 }
 
-void* operator new(size_t size, std::align_val_t alignment) {
-  if (t_nAllocationsLeft == 0) {
-    t_bAllocationFailed = true;
-    throw std::bad_alloc();
-  }
+// Whether an allocation is to fail now.
+inline bool MustFail() {
+  if (t_nAllocationsLeft == 0) return t_bAllocationFailed = true;
   if (t_nAllocationsLeft > 0) --t_nAllocationsLeft;
-  const auto step = static_cast<size_t>(alignment);
-  if (void* block = std::aligned_alloc(step, (size / step + 1) * step)) return block;
-  throw std::bad_alloc();
+  return false;
 }
+
 void* operator new(size_t size) {
-  return operator new (size, std::align_val_t{alignof(std::max_align_t)});
+  void* const block = MustFail() ? nullptr : std::malloc(size == 0 ? 1 : size);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
 }
 void operator delete(void* block) noexcept {
   std::free(block);
@@ -48,9 +47,9 @@ void operator delete(void* block) noexcept {
 void operator delete(void* block, size_t) noexcept {
   std::free(block);
 }
-void operator delete(void* block, std::align_val_t) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, size_t, std::align_val_t) noexcept {
-  std::free(block);
+
+// What a loop queues lies in memory that comes from here.
+extern "C" void* aligned_alloc(size_t alignment, size_t size) noexcept {
+  void* block = nullptr;
+  return !MustFail() && posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
 }
