@@ -4,6 +4,7 @@
 #include <asio/steady_timer.hpp>
 #include <condition_variable>
 #include <deque>
+#include <new>
 #include <utility>
 
 #include "platform/loop_core.h"
@@ -49,6 +50,16 @@ thread_local CThreadLoop t_loop;
 CThreadLoop::~CThreadLoop() {
   t_bThreadEnding = true;
   if (pCore) pCore->End();
+}
+
+// False if nothing was there to be served.
+template <typename Serve>
+bool ServesOne(Serve serve) {
+  try {
+    return serve() != 0;
+  } catch (const std::bad_alloc&) {
+    return true;  // the system's connection that was to be accepted, for one, is given up
+  }
 }
 
 }  // namespace
@@ -102,17 +113,15 @@ void CLoopCore::End() {
 
 bool CLoopCore::RunUntil(const std::function<bool()>& done, std::optional<TimePoint> deadline) {
   while (!done()) {
-    if (!deadline) {
-      m_io->run_one();
-    } else if (m_io->run_one_until(*deadline) == 0) {
-      return done();
-    }
+    const bool bServed =
+        ServesOne([&] { return deadline ? m_io->run_one_until(*deadline) : m_io->run_one(); });
+    if (!bServed) return done();
   }
   return true;
 }
 
 bool CLoopCore::PollOne() {
-  return m_io->poll_one() != 0;
+  return ServesOne([this] { return m_io->poll_one(); });
 }
 
 bool CLoopCore::TakeQuit() {

@@ -56,7 +56,7 @@ inline constexpr int32_t kSockErrRefused = 10061;
 // Owner:   the object closes its socket in its destructor. A notification may close and destroy
 //          the object that it runs on, if it touches nothing of it afterwards.
 // Errors:  operations give 0, false or -1, and the code with GetLastError. A Listen or Accept that
-//          there is no memory for closes the socket.
+//          there is no memory for closes the socket; the constructor throws std::bad_alloc.
 class KVL_API CAsyncSocket {
  public:
   // How long a connect may take, and what one OnReceive hands out before other events of the loop
