@@ -87,5 +87,42 @@ TEST(ShortageTest, ConnectHasAnOutcome) {
   EXPECT_EQ(client.connects, std::vector<int32_t>{0});
 }
 
+void ConnectFromAnotherThread(uint32_t port) {
+  std::thread([port] {
+    CTestSock client;
+    EXPECT_NE(client.Create(), 0);
+    EXPECT_NE(client.Connect("127.0.0.1", port), 0);
+    EXPECT_TRUE(RunLoopUntil([&] { return !client.connects.empty(); }));
+  }).join();
+}
+
+// The connection in hand may be lost; the next one is not, unless the listener has said its end.
+TEST(ShortageTest, ListenerGoesOnAcceptingOrTellsItsEnd) {
+  CTestSock listener, accepted;
+  uint32_t port = listener.ListenLocal();
+  listener.pAccepted = &accepted;
+  listener.closes.reserve(1);
+  const std::function<bool()> isAccepted = [&] { return accepted.GetHandle() != kInvalidSocket; };
+  const std::function<bool()> isOver = [&] { return t_bAllocationFailed || isAccepted(); };
+  WithEverLessShortage([&] {
+    const int left = std::exchange(t_nAllocationsLeft, -1);
+    accepted.Close();
+    ConnectFromAnotherThread(port);
+    t_nAllocationsLeft = left;
+    CMessageLoop::Current().RunUntil(isOver, kTestPatienceMs);
+    t_nAllocationsLeft = -1;
+    if (!t_bAllocationFailed) return isAccepted();
+    if (!listener.closes.empty()) {
+      EXPECT_EQ(listener.closes, std::vector<int32_t>{kSockErrNoBuffers});
+      listener.closes.clear();
+      listener.Close();
+      port = listener.ListenLocal();
+    }
+    ConnectFromAnotherThread(port);
+    EXPECT_TRUE(RunLoopUntil(isAccepted)) << left;
+    return false;
+  });
+}
+
 }  // namespace
 }  // namespace kvl

@@ -99,6 +99,7 @@ int32_t CAsyncSocket::Impl::Listen(int32_t nBacklog) {
   const auto protocol = socket->local_endpoint(ec).protocol();
   acceptor.emplace(pLoop->Io());
   if (!ec) acceptor->assign(protocol, socket->release(ec), ec);
+  if (!ec) acceptor->non_blocking(true, ec);
   if (!ec) acceptor->listen(nBacklog, ec);
   socket.reset();
   if (ec) {
@@ -110,24 +111,36 @@ int32_t CAsyncSocket::Impl::Listen(int32_t nBacklog) {
   return 1;
 }
 
-void CAsyncSocket::Impl::WaitAccept() try {
-  acceptor->async_accept(Handler([this](const std::error_code& ec, Tcp::socket accepted) {
-    // A shortage of the system's passes: the connection waits in its queue meanwhile.
-    if (ec) return StartTimer(kAcceptRetryMs, &Impl::WaitAccept);
-    pending.emplace(std::move(accepted));
-    RaiseAccept();
-  }));
+void CAsyncSocket::Impl::WaitAccept() {
+  acceptor->async_wait(Tcp::acceptor::wait_read, Handler([this](std::error_code ec) {
+                         if (!ec) TakePending(ec);
+                         if (ec) return RaiseAcceptLater();
+                         RaiseAccept();
+                       }));
+}
+
+void CAsyncSocket::Impl::TakePending(std::error_code& ec) try {
+  auto accepted = acceptor->accept(ec);
+  if (!ec) pending.emplace(std::move(accepted));
 } catch (const std::bad_alloc&) {
-  StartTimer(kAcceptRetryMs, &Impl::WaitAccept);
+  ec = asio::error::no_memory;
 }
 
 void CAsyncSocket::Impl::RaiseAccept() {
   if (pending && !Notify(kFdAccept, &CAsyncSocket::OnAccept, 0)) return;
-  if (pending) {
-    StartTimer(kAcceptRetryMs, &Impl::RaiseAccept);
-  } else {
+  if (pending) return RaiseAcceptLater();
+  try {
     WaitAccept();
+  } catch (const std::bad_alloc&) {
+    RaiseAcceptLater();
   }
+}
+
+// A shortage passes too: what connects waits in its queue meanwhile.
+void CAsyncSocket::Impl::RaiseAcceptLater() try {
+  StartTimer(kAcceptRetryMs, &Impl::RaiseAccept);
+} catch (const std::bad_alloc&) {
+  RaiseClose(kSockErrNoBuffers);  // better ended than deaf
 }
 
 }  // namespace kvl

@@ -100,7 +100,9 @@ struct CAsyncSocket::Impl final : CLoopResource, std::enable_shared_from_this<CA
   int32_t ReadLine(void* pBuffer, int32_t nSize, int32_t nFlags);
   int32_t Take(int fd, void* pBuffer, int32_t nSize, int32_t nFlags);
   void WaitAccept();
+  void TakePending(std::error_code& ec);
   void RaiseAccept();
+  void RaiseAcceptLater();
 };
 
 // Wraps a handler so that it does nothing once the socket has been closed, keeps the Impl alive
