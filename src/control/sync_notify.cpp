@@ -1,7 +1,8 @@
 #include "control/sync_notify.h"
-#include "platform/never_destroyed.h"
 
 #include <mutex>
+
+#include "platform/never_destroyed.h"
 
 namespace kvl {
 namespace {

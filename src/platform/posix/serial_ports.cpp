@@ -1,5 +1,4 @@
 #include "platform/posix/serial_ports.h"
-#include "platform/never_destroyed.h"
 
 #include <algorithm>
 #include <charconv>
@@ -7,6 +6,8 @@
 #include <map>
 #include <mutex>
 #include <tuple>
+
+#include "platform/never_destroyed.h"
 
 namespace kvl {
 
