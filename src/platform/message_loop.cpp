@@ -322,13 +322,15 @@ struct CInterruptWatch::Impl final : CLoopResource,
 
   void OnLoopEnd() override { signals.reset(); }
 
-  void Wait() {
+  // Without memory the signals have their ordinary effect again.
+  void Wait() noexcept try {
     signals->async_wait([pSelf = shared_from_this()](const asio::error_code& ec, int) {
       if (ec || !pSelf->signals) return;
-      const CMessageLoop::Task handler = pSelf->task;  // it may destroy the watch
-      RunGuarded(handler);
+      RunGuarded(pSelf->task);
       if (pSelf->signals) pSelf->Wait();
     });
+  } catch (const std::bad_alloc&) {
+    signals.reset();
   }
 };
 
@@ -340,15 +342,15 @@ CInterruptWatch::CInterruptWatch(CMessageLoop::Task task) {
     pImpl->signals.emplace(pImpl->pLoop->Io());
     asio::error_code ignored;
     for (const int number : EndingSignals()) pImpl->signals->add(number, ignored);
-    pImpl->Wait();
     pImpl->pLoop->Attach(pImpl.get());
     m_pImpl = std::move(pImpl);
+    m_pImpl->Wait();
   });
 }
 
 CInterruptWatch::~CInterruptWatch() {
   if (!m_pImpl) return;
-  if (m_pImpl->signals) m_pImpl->pLoop->Detach(m_pImpl.get());
+  m_pImpl->pLoop->Detach(m_pImpl.get());
   m_pImpl->signals.reset();
 }
 

@@ -133,7 +133,8 @@ class KVL_API CAsyncSocket {
  protected:
   // Notifications. The code is 0 when all is well. OnReceive tells of bytes, OnSend of room to
   // write (once connected, and after a Send that was cut short); OnClose comes once, after all
-  // bytes have been received; of a listening socket, once no memory is left to go on with.
+  // bytes have been received, but at once, with kSockErrNoBuffers, when no memory is left to go on
+  // with; of a listening socket only then.
   virtual void OnReceive(int32_t nErrorCode);
   virtual void OnSend(int32_t nErrorCode);
   virtual void OnAccept(int32_t nErrorCode);

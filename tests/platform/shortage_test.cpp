@@ -59,9 +59,10 @@ TEST(ShortageTest, WhatCannotBeMadeFailsAndCanBeTriedAgain) {
   WithEverLessShortage([] { return CTimer().Start(1000, [] {}); });
   CWnd window;
   WithEverLessShortage([&] { return window.Create(0, {}, nullptr, 1) != 0; });
-  t_nAllocationsLeft = 0;
-  const CInterruptWatch interrupts([] {});
-  t_nAllocationsLeft = -1;
+  WithEverLessShortage([] {
+    const CInterruptWatch interrupts([] {});
+    return !t_bAllocationFailed;
+  });
 }
 
 // The system's part goes on meanwhile; the outcome comes whatever fails of ours.

@@ -53,7 +53,11 @@ void CAsyncSocket::Impl::BeginConnect(const std::string& strHost, uint16_t nPort
   }
   const auto take = [this, nPort](const std::error_code& failure,
                                   const std::vector<asio::ip::address>& addresses) {
-    for (const asio::ip::address& found : addresses) endpoints.emplace_back(found, nPort);
+    try {
+      for (const asio::ip::address& found : addresses) endpoints.emplace_back(found, nPort);
+    } catch (const std::bad_alloc&) {
+      return Finish(kSockErrNoBuffers);
+    }
     std::reverse(endpoints.begin(), endpoints.end());  // the next one is at the back
     TryNext(SocketErrorCode(failure));
   };

@@ -100,6 +100,8 @@ int32_t CAsyncSocket::Impl::Listen(int32_t nBacklog) {
   acceptor.emplace(pLoop->Io());
   if (!ec) acceptor->assign(protocol, socket->release(ec), ec);
   if (!ec) acceptor->non_blocking(true, ec);
+  // Else an accept of a connection that has gone already would wait for the next one.
+  if (!ec) acceptor->set_option(asio::socket_base::enable_connection_aborted(true), ec);
   if (!ec) acceptor->listen(nBacklog, ec);
   socket.reset();
   if (ec) {
