@@ -58,7 +58,7 @@ bool ServesOne(Serve serve) {
   try {
     return serve() != 0;
   } catch (const std::bad_alloc&) {
-    return true;  // the system's connection that was to be accepted, for one, is given up
+    return true;  // what could not be served is given up; the loop goes on
   }
 }
 
